@@ -1,0 +1,69 @@
+#include "api/kavrel.h"
+
+#include "camera/ccdwebcam.h"
+
+Kavrel* Kavrel::s_pcThis = nullptr;
+QMutex Kavrel::s_cMutexForInstance;
+
+Kavrel::Kavrel()
+    : QObject(nullptr)
+    , m_pCCDMain(new CCDWebCam())
+    , m_pCCDSlaver(new CCDWebCam())
+{
+    QObject::connect(m_pCCDMain, &CCDIF::NewImageArrived, this, &Kavrel::OnNewImageArrivedMain);
+    QObject::connect(m_pCCDSlaver, &CCDIF::NewImageArrived, this, &Kavrel::OnNewImageArrivedSlaver);
+}
+
+Kavrel::~Kavrel()
+{
+    // Deferred: a host may still be inside a call on the camera's thread.
+    m_pCCDMain->deleteLater();
+    m_pCCDSlaver->deleteLater();
+}
+
+Kavrel* Kavrel::getInstance()
+{
+    QMutexLocker cLocker(&s_cMutexForInstance);
+    if (!s_pcThis)
+        s_pcThis = new Kavrel();
+    return s_pcThis;
+}
+
+void Kavrel::destroyInstance()
+{
+    QMutexLocker cLocker(&s_cMutexForInstance);
+    if (s_pcThis) {
+        delete s_pcThis;
+        s_pcThis = nullptr;
+    }
+}
+
+CCDWebCam* Kavrel::getInterfaceMain()
+{
+    return m_pCCDMain;
+}
+
+CCDWebCam* Kavrel::getInterfaceSlaver()
+{
+    return m_pCCDSlaver;
+}
+
+bool Kavrel::IsMainCCDReady()
+{
+    return m_pCCDMain != nullptr;
+}
+
+bool Kavrel::IsSlaverCCDReady()
+{
+    return m_pCCDSlaver != nullptr;
+}
+
+void Kavrel::OnNewImageArrivedMain(int nWidth, int nBytesPerLine, int nHeight)
+{
+    emit NewImageArrivedMain(nWidth, nBytesPerLine, nHeight);
+}
+
+void Kavrel::OnNewImageArrivedSlaver(int nWidth, int nBytesPerLine, int nHeight)
+{
+    emit NewImageArrivedSlaver(nWidth, nBytesPerLine, nHeight);
+}

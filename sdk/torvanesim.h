@@ -1,0 +1,73 @@
+/*
+ * Controls of the simulated camera, the stand-in for libtorvane.so.
+ *
+ * Only the stand-in exports these; the library never calls them. Tests and
+ * demos use them to steer the simulation: its sensor, its frame rate, failures
+ * of single SDK calls, frames of their own, and a log of every SDK call.
+ * All functions are thread-safe.
+ */
+#ifndef KAVREL_SDK_TORVANESIM_H
+#define KAVREL_SDK_TORVANESIM_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Back to the start state: settings from the environment (or the defaults
+ * 1280 x 960, 3 bytes per pixel, 30 frames per second), window = sensor,
+ * continuous mode, exposure 10000, gain 0, no queued frames, no failures armed,
+ * counters and log cleared, camera closed. */
+void torvanesim_reset(void);
+
+/* Sensor geometry of generated frames; resets the window to the sensor size. */
+void torvanesim_set_sensor(int width, int height, int bytesPerPixel);
+/* Frame rate of continuous mode; 0 or below delivers a frame on every call. */
+void torvanesim_set_frame_rate(double framesPerSecond);
+
+/* Result of the next camera_init call only (then back to 0 = success). */
+void torvanesim_set_next_init_result(int result);
+/* Non-zero: every get_camera_max_window_size / set_camera_window_size fails
+ * (returns -1) until switched off again. */
+void torvanesim_fail_max_window_size(int fail);
+void torvanesim_fail_set_window_size(int fail);
+
+/* Queues a frame of any geometry (bytes are copied: width * height *
+ * bytesPerPixel of them, or none when data is null; the stand-in then fills
+ * it with the test pattern). Queued frames are delivered first, one per
+ * get_frame_timeout call, in any mode, before generated ones. width and height
+ * may be anything, even sizes whose byte count does not fit an int: such a
+ * frame is only described, its data address points at a small dummy buffer. */
+void torvanesim_queue_frame(int width, int height, int bytesPerPixel, const unsigned char *data);
+/* Non-zero: get_frame_timeout answers null (after waiting its time-out, at
+ * most 50 ms) until switched off again. */
+void torvanesim_starve_frames(int starve);
+
+/* Counters. */
+int torvanesim_init_calls(void);          /* camera_init calls so far */
+int torvanesim_open_count(void);          /* successful camera_init minus camera_free */
+int torvanesim_trigger_calls(void);       /* set_camera_trigger calls so far */
+unsigned int torvanesim_frames_delivered(void); /* frames handed out so far */
+
+/* Frame counter carried by generated frames: the number of the frame is
+ * written into its first 8 pixels' first bytes (see torvanesim_frame_number)
+ * and drawn as digits into the picture. Numbers start at 1. */
+unsigned int torvanesim_frame_number(const unsigned char *pixels, int bytesPerPixel);
+/* Renders the generated frame with number `number` for the current exposure
+ * and gain into `out` (width * height * bytesPerPixel bytes). */
+void torvanesim_render_frame(unsigned int number, int width, int height, int bytesPerPixel, unsigned char *out);
+
+/* Call log: every SDK call as text, for example "camera_init(0,0)",
+ * "set_camera_exposure(20000,0)", "get_frame_timeout(0,100)". */
+int torvanesim_log_count(void);
+/* Copies entry i (0 = oldest kept) into buf (NUL-terminated, cut to size);
+ * returns its full length, or -1 when there is no such entry. */
+int torvanesim_log_entry(int i, char *buf, int size);
+void torvanesim_log_clear(void);
+/* Logging of get_frame_timeout calls can be switched off for long runs. */
+void torvanesim_log_frames(int enable);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
