@@ -5,6 +5,22 @@
  * demos use them to steer the simulation: its sensor, its frame rate, failures
  * of single SDK calls, frames of their own, and a log of every SDK call.
  * All functions are thread-safe.
+ *
+ * Behaviour of the SDK calls as simulated:
+ * - Only camera 0 exists: camera_init with another number answers 3 (and
+ *   leaves an armed result alone), every other call answers -1 or null.
+ * - Continuous mode at a positive rate: frame k is due k / rate after the rate
+ *   or the mode was last set; get_frame_timeout waits for the first frame due
+ *   after the call, never an older one. Callers waiting at the same time all
+ *   get that same frame. Triggered mode: each trigger makes one frame for one
+ *   caller; triggers fired in continuous mode, or pending when the mode
+ *   changes, are dropped.
+ * - The camera need not be open for frames or settings; camera_init and
+ *   camera_free only count.
+ * - The frame handed out lives in a buffer of the calling thread: it stays
+ *   valid until that thread's next get_frame_timeout call (or its end).
+ * - Environment (read at first use and by torvanesim_reset):
+ *   TORVANE_SIM_SENSOR=WIDTHxHEIGHT, TORVANE_SIM_BPP=1|3, TORVANE_SIM_FPS=rate.
  */
 #ifndef KAVREL_SDK_TORVANESIM_H
 #define KAVREL_SDK_TORVANESIM_H
@@ -36,10 +52,12 @@ void torvanesim_fail_set_window_size(int fail);
  * it with the test pattern). Queued frames are delivered first, one per
  * get_frame_timeout call, in any mode, before generated ones. width and height
  * may be anything, even sizes whose byte count does not fit an int: such a
- * frame is only described, its data address points at a small dummy buffer. */
+ * frame is only described, its data address points at a small dummy buffer
+ * (so do frames with no bytes at all). Pattern frames queued without data carry
+ * frame number 0 and the exposure and gain of the moment they were queued. */
 void torvanesim_queue_frame(int width, int height, int bytesPerPixel, const unsigned char *data);
 /* Non-zero: get_frame_timeout answers null (after waiting its time-out, at
- * most 50 ms) until switched off again. */
+ * most 50 ms) until switched off again, even when frames are queued. */
 void torvanesim_starve_frames(int starve);
 
 /* Counters. */
@@ -50,10 +68,17 @@ unsigned int torvanesim_frames_delivered(void); /* frames handed out so far */
 
 /* Frame counter carried by generated frames: the number of the frame is
  * written into its first 8 pixels' first bytes (see torvanesim_frame_number)
- * and drawn as digits into the picture. Numbers start at 1. */
+ * and drawn as digits into the picture. Numbers start at 1 and grow by one per
+ * frame made (skipped ones in continuous mode count too).
+ * Code: 4 bits per pixel, most significant first; every byte of pixel i holds
+ * nibble i * 16 + 8, decoded as byte / 16. It survives unchanged copies, the
+ * 1 -> 3 byte expansion and grey conversions, not gamma. `pixels` must hold 8
+ * pixels. The code and the digits are not scaled by exposure and gain. */
 unsigned int torvanesim_frame_number(const unsigned char *pixels, int bytesPerPixel);
 /* Renders the generated frame with number `number` for the current exposure
- * and gain into `out` (width * height * bytesPerPixel bytes). */
+ * and gain into `out` (width * height * bytesPerPixel bytes), byte for byte
+ * what get_frame_timeout delivers for that frame. Brightness: the pattern's
+ * bytes times exposure / 10000 * (1 + gain / 16), truncated, 0..255. */
 void torvanesim_render_frame(unsigned int number, int width, int height, int bytesPerPixel, unsigned char *out);
 
 /* Call log: every SDK call as text, for example "camera_init(0,0)",
