@@ -1,0 +1,27 @@
+// Small helpers over the simulated camera's call log.
+#ifndef KAVREL_TESTS_SIMLOG_H
+#define KAVREL_TESTS_SIMLOG_H
+
+#include <string>
+#include <vector>
+
+#include "sdk/torvanesim.h"
+
+inline std::vector<std::string> simLog()
+{
+    std::vector<std::string> entries;
+    char buf[256];
+    for (int i = 0; torvanesim_log_entry(i, buf, sizeof buf) >= 0; ++i)
+        entries.emplace_back(buf);
+    return entries;
+}
+
+inline int simLogCount(const std::string& prefix)
+{
+    int n = 0;
+    for (const auto& e : simLog())
+        n += e.rfind(prefix, 0) == 0;
+    return n;
+}
+
+#endif
