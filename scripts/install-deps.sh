@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Installs the Debian 12 packages a build needs. Usage: install-deps.sh [run|test]
+#   run  - what building the library and its tools needs
+#   test - that, plus the test, benchmark and fuzzing tools
+# Packages already present are not asked for again, so a prepared machine
+# needs no network.
+set -euo pipefail
+
+what=${1:-run}
+packages=(build-essential cmake pkg-config qtbase5-dev qttools5-dev qttools5-dev-tools)
+if [ "$what" = test ]; then
+  packages+=(libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-dev)
+fi
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+if [ "$(id -u)" -ne 0 ]; then
+  sudo=sudo
+else
+  sudo=
+fi
+echo "Installing: ${missing[*]}"
+$sudo apt-get update -qq
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
