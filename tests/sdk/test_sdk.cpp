@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
@@ -350,18 +351,24 @@ TEST_F(Sdk, EnvironmentSetsSensorDepthAndRate)
 TEST_F(Sdk, TwoUsersAtOnceKeepTheirOwnFrames)
 {
     ASSERT_EQ(set_camera_window_size(160, 120, 0), 0);
-    torvanesim_set_frame_rate(200);
+    torvanesim_set_frame_rate(0); // every call a new frame, so the two users' frames differ
+    std::atomic<int> ready{0};
     int bad[2] = {0, 0};
-    auto user = [](int *badFrames) {
+    auto user = [&ready](int *badFrames) {
         std::vector<unsigned char> want(160 * 120 * 3);
-        for (int i = 0; i < 60; ++i) {
+        ++ready;
+        while (ready < 2) {
+        }
+        for (int i = 0; i < 100; ++i) {
             const Frame f = grab(2000);
             if (!f.data || f.bytes() != want.size()) {
                 ++*badFrames;
                 continue;
             }
             // Reading takes a while; the other user's frames must not land here meanwhile.
-            torvanesim_render_frame(f.number(), 160, 120, 3, want.data());
+            const unsigned int number = f.number();
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+            torvanesim_render_frame(number, 160, 120, 3, want.data());
             *badFrames += std::memcmp(f.data, want.data(), want.size()) != 0;
         }
     };
@@ -370,7 +377,7 @@ TEST_F(Sdk, TwoUsersAtOnceKeepTheirOwnFrames)
     b.join();
     EXPECT_EQ(bad[0], 0);
     EXPECT_EQ(bad[1], 0);
-    EXPECT_EQ(torvanesim_frames_delivered(), 120u);
+    EXPECT_EQ(torvanesim_frames_delivered(), 200u);
 }
 
 } // namespace
