@@ -1,0 +1,218 @@
+# Install layout and Debian packages.
+#
+# Included at the end of the top-level CMakeLists.txt, after every target
+# exists. Components, one Debian package each:
+#   runtime  libkavrel1          libKavrel.so.1 and the dialog translations
+#   dev      libkavrel-dev       headers, libKavrel.so, CMake package, kavrel.pc
+#   tools    kavrel-tools        the host programs in tools/
+#   sim      kavrel-camera-sim   the simulated camera, <libdir>/kavrel/sim/libtorvane.so
+#
+# The simulated camera never goes where the loader looks by default, so it can
+# never stand in for a vendor's /usr/lib/libtorvane.so behind a host's back.
+# The tools carry a RUNPATH that finds it; any other program gets it with
+# LD_LIBRARY_PATH=<libdir>/kavrel/sim.
+#
+# Packages: configure with -DCMAKE_INSTALL_PREFIX=/usr, build, then
+# `cpack -G DEB` (or `cmake --build . --target package`) in the build tree.
+
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(KAVREL_SIM_LIBDIR "${CMAKE_INSTALL_LIBDIR}/kavrel/sim")
+set(KAVREL_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/Kavrel")
+
+# --- the library -----------------------------------------------------------
+install(TARGETS Kavrel
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
+
+# The public headers; sources include them as "api/interface.h" etc., so the
+# install keeps the subfolders under include/kavrel.
+set(KAVREL_PUBLIC_HEADERS
+  api/interface.h
+  api/kavrel.h
+  camera/ccdif.h
+  camera/ccdwebcam.h
+  imaging/globalfunction.h
+  dialog/webcamconfigdlg.h
+  dialog/webcamcfgviewform.h
+  sdk/torvane.h)
+foreach(header IN LISTS KAVREL_PUBLIC_HEADERS)
+  get_filename_component(subdir "${header}" DIRECTORY)
+  install(FILES "${PROJECT_SOURCE_DIR}/${header}"
+          DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/kavrel/${subdir}" COMPONENT dev)
+endforeach()
+
+# --- CMake package: find_package(Kavrel) gives Kavrel::Kavrel ---------------
+get_target_property(_kavrel_version Kavrel VERSION)
+get_target_property(_kavrel_soversion Kavrel SOVERSION)
+set(KAVREL_SONAME "libKavrel.so.${_kavrel_soversion}")
+set(KAVREL_LIBRARY_PATH "${CMAKE_INSTALL_LIBDIR}/libKavrel.so.${_kavrel_version}")
+set(KAVREL_INCLUDE_DIR "${CMAKE_INSTALL_INCLUDEDIR}/kavrel")
+configure_package_config_file("${CMAKE_CURRENT_LIST_DIR}/KavrelConfig.cmake.in"
+  "${PROJECT_BINARY_DIR}/KavrelConfig.cmake"
+  INSTALL_DESTINATION "${KAVREL_CMAKE_DIR}"
+  PATH_VARS KAVREL_LIBRARY_PATH KAVREL_INCLUDE_DIR KAVREL_SIM_LIBDIR)
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/KavrelConfigVersion.cmake"
+  VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
+install(FILES "${PROJECT_BINARY_DIR}/KavrelConfig.cmake" "${PROJECT_BINARY_DIR}/KavrelConfigVersion.cmake"
+        DESTINATION "${KAVREL_CMAKE_DIR}" COMPONENT dev)
+
+# --- pkg-config --------------------------------------------------------------
+# Paths in kavrel.pc are relative to ${prefix} where they can be, so that
+# PKG_CONFIG_SYSROOT_DIR works for cross builds against an installed tree.
+foreach(kind LIBDIR INCLUDEDIR)
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_${kind}}")
+    set(KAVREL_PC_${kind} "${CMAKE_INSTALL_${kind}}")
+  else()
+    set(KAVREL_PC_${kind} "\${prefix}/${CMAKE_INSTALL_${kind}}")
+  endif()
+endforeach()
+configure_file("${CMAKE_CURRENT_LIST_DIR}/kavrel.pc.in" "${PROJECT_BINARY_DIR}/kavrel.pc" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/kavrel.pc"
+        DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT dev)
+
+# --- simulated camera ----------------------------------------------------------
+if(KAVREL_HAVE_SIMULATOR AND TARGET torvane)
+  install(TARGETS torvane LIBRARY DESTINATION "${KAVREL_SIM_LIBDIR}" COMPONENT sim)
+endif()
+
+# --- tools -----------------------------------------------------------------------
+# kavrel_install_tool(<target>): installs a host program into bindir (package
+# kavrel-tools). Its RUNPATH holds the simulated camera's folder, then libdir
+# (for prefixes the loader does not search). A RUNPATH only serves the
+# program's own DT_NEEDED entries, so the program also links libtorvane.so
+# directly: the loader then finds it through the program's RUNPATH before
+# libKavrel asks for it. With kavrel-camera-sim removed, that folder is gone
+# and the loader falls back to the vendor's library in its default path;
+# LD_LIBRARY_PATH still overrides either.
+file(RELATIVE_PATH _kavrel_bin_to_lib
+     "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
+set(KAVREL_TOOL_RUNPATH "$ORIGIN/${_kavrel_bin_to_lib}/kavrel/sim:$ORIGIN/${_kavrel_bin_to_lib}")
+
+function(kavrel_install_tool target)
+  get_property(done TARGET ${target} PROPERTY KAVREL_INSTALLED)
+  if(done)
+    return()
+  endif()
+  set_property(TARGET ${target} PROPERTY KAVREL_INSTALLED TRUE)
+  if(KAVREL_HAVE_SIMULATOR)
+    set_property(TARGET ${target} PROPERTY INSTALL_RPATH "${KAVREL_TOOL_RUNPATH}")
+    target_link_libraries(${target} PRIVATE Torvane::torvane)
+    # Debian's toolchain does not default to --as-needed, but others do.
+    target_link_options(${target} PRIVATE -Wl,--no-as-needed)
+  endif()
+  install(TARGETS ${target} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+endfunction()
+
+# Every executable defined under tools/ is a tool; tools/ is read before this
+# file, so pick them up here rather than rely on calls from there.
+function(_kavrel_collect_executables dir out)
+  set(found "")
+  get_property(targets DIRECTORY "${dir}" PROPERTY BUILDSYSTEM_TARGETS)
+  foreach(t IN LISTS targets)
+    get_property(type TARGET ${t} PROPERTY TYPE)
+    if(type STREQUAL "EXECUTABLE")
+      list(APPEND found ${t})
+    endif()
+  endforeach()
+  get_property(subdirs DIRECTORY "${dir}" PROPERTY SUBDIRECTORIES)
+  foreach(sub IN LISTS subdirs)
+    _kavrel_collect_executables("${sub}" sub_found)
+    list(APPEND found ${sub_found})
+  endforeach()
+  set(${out} "${found}" PARENT_SCOPE)
+endfunction()
+if(KAVREL_BUILD_TOOLS AND EXISTS "${PROJECT_SOURCE_DIR}/tools/CMakeLists.txt")
+  _kavrel_collect_executables("${PROJECT_SOURCE_DIR}/tools" KAVREL_TOOLS)
+  foreach(tool IN LISTS KAVREL_TOOLS)
+    kavrel_install_tool(${tool})
+  endforeach()
+endif()
+
+# --- Debian packages -------------------------------------------------------------
+# The Debian architecture follows the compiler's target, not the build machine.
+if(CMAKE_LIBRARY_ARCHITECTURE STREQUAL "arm-linux-gnueabihf")
+  set(_kavrel_deb_arch armhf)
+elseif(CMAKE_LIBRARY_ARCHITECTURE STREQUAL "x86_64-linux-gnu")
+  set(_kavrel_deb_arch amd64)
+elseif(CMAKE_LIBRARY_ARCHITECTURE STREQUAL "aarch64-linux-gnu")
+  set(_kavrel_deb_arch arm64)
+else()
+  execute_process(COMMAND dpkg --print-architecture
+                  OUTPUT_VARIABLE _kavrel_deb_arch OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+endif()
+set(KAVREL_DEB_ARCH "${_kavrel_deb_arch}" CACHE STRING "Debian architecture of the packages")
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME kavrel)
+set(CPACK_PACKAGE_VENDOR "Kavrel developers")
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Two-camera acquisition library for Qt 5 hosts")
+set(CPACK_PACKAGING_INSTALL_PREFIX "${CMAKE_INSTALL_PREFIX}")
+set(CPACK_PACKAGE_DIRECTORY "${PROJECT_BINARY_DIR}/packages")
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${KAVREL_DEB_ARCH})
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "Kavrel developers <kavrel@localhost>")
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+
+# Install rules without a component (the dialog translations) belong with the
+# library; each group below is one package.
+set(CPACK_COMPONENTS_ALL runtime Unspecified dev tools)
+if(KAVREL_HAVE_SIMULATOR)
+  list(APPEND CPACK_COMPONENTS_ALL sim)
+endif()
+set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
+set(CPACK_COMPONENT_RUNTIME_GROUP runtime)
+set(CPACK_COMPONENT_UNSPECIFIED_GROUP runtime)
+set(CPACK_COMPONENT_DEV_GROUP dev)
+set(CPACK_COMPONENT_TOOLS_GROUP tools)
+set(CPACK_COMPONENT_SIM_GROUP sim)
+
+# dpkg-shlibdeps cannot see the armhf libraries' package data in a sysroot, and
+# it rejects libtorvane.so (no package owns the vendor's library), so the
+# dependencies are stated by hand; they are the same on every architecture.
+set(_kavrel_deb_version "${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}")
+set(_kavrel_deb_cxx "libc6 (>= 2.34), libgcc-s1 (>= 3.5), libstdc++6 (>= 12)")
+set(_kavrel_deb_qt "libqt5core5a (>= 5.15.1), libqt5gui5 (>= 5.15.1) | libqt5gui5-gles (>= 5.15.1), libqt5widgets5 (>= 5.15.1)")
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libkavrel1)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${_kavrel_deb_cxx}, ${_kavrel_deb_qt}")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SUGGESTS "kavrel-camera-sim")
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
+"Two-camera acquisition library for Qt 5 hosts
+ libKavrel.so.1 drives the Main and Slaver cameras through the camera
+ vendor's SDK (libtorvane.so, not part of this package) and hands their
+ frames to the host as grey or 24-bit colour images.")
+
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME libkavrel-dev)
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libkavrel1 (= ${_kavrel_deb_version}), qtbase5-dev")
+set(CPACK_DEBIAN_DEV_DESCRIPTION
+"Development files for libKavrel
+ Headers under include/kavrel, the CMake package Kavrel (target
+ Kavrel::Kavrel) and the pkg-config module kavrel.")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME kavrel-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION video)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libkavrel1 (= ${_kavrel_deb_version}), ${_kavrel_deb_cxx}, ${_kavrel_deb_qt}")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "kavrel-camera-sim")
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION
+"Programs that grab and show frames through libKavrel
+ They use the simulated camera while kavrel-camera-sim is installed, and
+ the vendor's libtorvane.so otherwise.")
+
+set(CPACK_DEBIAN_SIM_PACKAGE_NAME kavrel-camera-sim)
+set(CPACK_DEBIAN_SIM_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_SIM_PACKAGE_DEPENDS "${_kavrel_deb_cxx}")
+set(CPACK_DEBIAN_SIM_DESCRIPTION
+"Simulated camera in place of the vendor's camera SDK
+ A stand-in libtorvane.so that produces test-pattern frames, installed in
+ a private folder (lib/<arch>/kavrel/sim) where it never replaces the
+ vendor's library. Programs use it with LD_LIBRARY_PATH set to that
+ folder; the kavrel-tools programs find it by themselves.")
+
+include(CPack)
