@@ -37,7 +37,7 @@ constexpr int kDefaultWidth = 1280;
 constexpr int kDefaultHeight = 960;
 constexpr int kDefaultBpp = 3;
 constexpr double kDefaultFps = 30.0;
-constexpr int kDefaultExposure = 10000;
+constexpr int kDefaultExposure = 20000;
 constexpr int kLogCapacity = 10000;
 constexpr int kLogEntrySize = 80; // the longest entry we format is about 60 characters
 constexpr std::chrono::milliseconds kStarveCap{50};
@@ -76,9 +76,9 @@ unsigned char scaleLut(int v, double factor)
 
 std::shared_ptr<const Base> buildBase(int width, int height, int bpp, int exposure, int gain)
 {
-    // Brightness follows exposure and gain: exposure 10000 and gain 0 give the
+    // Brightness follows exposure and gain: exposure 20000 and gain 0 give the
     // pattern as drawn; everything saturates at 255.
-    const double factor = exposure / 10000.0 * (1.0 + gain / 16.0);
+    const double factor = exposure / 20000.0 * (1.0 + gain / 16.0);
     unsigned char lut[256];
     for (int v = 0; v < 256; ++v)
         lut[v] = scaleLut(v, factor);

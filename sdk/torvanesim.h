@@ -31,7 +31,7 @@ extern "C" {
 
 /* Back to the start state: settings from the environment (or the defaults
  * 1280 x 960, 3 bytes per pixel, 30 frames per second), window = sensor,
- * continuous mode, exposure 10000, gain 0, no queued frames, no failures armed,
+ * continuous mode, exposure 20000, gain 0, no queued frames, no failures armed,
  * counters and log cleared, camera closed. */
 void torvanesim_reset(void);
 
@@ -78,7 +78,7 @@ unsigned int torvanesim_frame_number(const unsigned char *pixels, int bytesPerPi
 /* Renders the generated frame with number `number` for the current exposure
  * and gain into `out` (width * height * bytesPerPixel bytes), byte for byte
  * what get_frame_timeout delivers for that frame. Brightness: the pattern's
- * bytes times exposure / 10000 * (1 + gain / 16), truncated, 0..255. */
+ * bytes times exposure / 20000 * (1 + gain / 16), truncated, 0..255. */
 void torvanesim_render_frame(unsigned int number, int width, int height, int bytesPerPixel, unsigned char *out);
 
 /* Call log: every SDK call as text, for example "camera_init(0,0)",

@@ -135,15 +135,15 @@ TEST_F(Sdk, BrightnessFollowsExposureAndGain)
         torvanesim_render_frame(7, 160, 120, 3, frame.data());
         return std::accumulate(frame.begin(), frame.end(), 0LL);
     };
-    const long long dark = sum(0, 0), low = sum(5000, 0), normal = sum(10000, 0), high = sum(20000, 0);
+    const long long dark = sum(0, 0), low = sum(10000, 0), normal = sum(20000, 0), high = sum(40000, 0);
     EXPECT_LT(dark, low / 4); // only the counter stays lit
     EXPECT_LT(low, normal);
     EXPECT_LT(normal, high);
-    EXPECT_EQ(sum(10000, 16), high);
+    EXPECT_EQ(sum(20000, 16), high);
     int exposure = 0, gain = 0;
     EXPECT_EQ(get_camera_exposure(&exposure, 0), 0);
     EXPECT_EQ(get_camera_gain(&gain, 0), 0);
-    EXPECT_EQ(exposure, 10000);
+    EXPECT_EQ(exposure, 20000);
     EXPECT_EQ(gain, 16);
 }
 
