@@ -27,13 +27,16 @@ keyring=/usr/share/keyrings/debian-archive-keyring.gpg
 layout=4   # bump when the way the tree is put together changes
 
 # What the cross build compiles and links against. Their dependency closure
-# comes along (Qt's X11/GL/font libraries, libc, libgcc...).
+# comes along (Qt's X11/GL/font libraries, libc, libgcc...). qttools5-dev
+# brings the CMake files of Qt's translation tools (lrelease).
 packages=(
   libc6-dev
   libstdc++-12-dev
   qtbase5-dev
+  qttools5-dev
   libqt5test5
   libgtest-dev
+  libgmock-dev
   libbenchmark-dev
 )
 
