@@ -1,5 +1,10 @@
 #include "imaging/globalfunction.h"
 
+#include "imaging/convertkernels.h"
+
+#include <algorithm>
+#include <cstring>
+
 GlobalFunction::GlobalFunction()
 {
 }
@@ -35,4 +40,139 @@ QString GlobalFunction::getAndRemoveBody(QString& text, QString openTag, QString
     QString strBody = text.mid(nStart, nClose - nStart);
     text.remove(nOpen, nClose - nOpen + closeTag.length());
     return strBody;
+}
+
+// Conversions: the image walk lives here, the per-row work in the kernels
+// picked for this processor (imaging/convertkernels.h).
+
+namespace {
+
+long dibStride(int nWidth)
+{
+    return (3L * nWidth + 3) & ~3L;
+}
+
+long grayAlignedStride(int nWidth)
+{
+    return (static_cast<long>(nWidth) + 3) & ~3L;
+}
+
+bool validYuv(GlobalFunction::YUV422_Type eType, int nWidth, int nHeight)
+{
+    // Types outside 0 .. 3 have no defined layout, and a negative size no
+    // meaning: both write nothing.
+    return static_cast<int>(eType) >= 0 && static_cast<int>(eType) <= 3 && nWidth > 0 && nHeight > 0;
+}
+
+} // namespace
+
+void GlobalFunction::PixelFormat_YUV422Packed_To_DIB(YUV422_Type eType, const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
+{
+    if (!validYuv(eType, nWidth, nHeight))
+        return;
+    const kavrel::PixelKernels& k = kavrel::pixelKernels();
+    const int nType = static_cast<int>(eType);
+    const unsigned char* pos = kavrel::scalar::kGroupPos[nType];
+    const long nStride = dibStride(nWidth);
+    // Only whole pairs: an odd last pixel has no complete group behind it.
+    const long nPixels = static_cast<long>(nWidth) * nHeight / 2 * 2;
+    // The pixel stream runs on across rows, so a pair may straddle two rows.
+    for (long nRow = 0, p = 0; p < nPixels; ++nRow) {
+        const long nEnd = std::min(p + nWidth, nPixels);
+        unsigned char* d = pDst + nRow * nStride;
+        if (p & 1) {
+            const unsigned char* g = pSrc + 2 * (p - 1);
+            kavrel::scalar::yuvPixelBgr(g[pos[2]], g[pos[1]], g[pos[3]], d);
+            ++p;
+            d += 3;
+        }
+        const long nPairs = (nEnd - p) / 2;
+        k.yuvToBgr(nType, pSrc + 2 * p, d, static_cast<std::size_t>(nPairs));
+        p += 2 * nPairs;
+        d += 6 * nPairs;
+        if (p < nEnd) {
+            const unsigned char* g = pSrc + 2 * p;
+            kavrel::scalar::yuvPixelBgr(g[pos[0]], g[pos[1]], g[pos[3]], d);
+            ++p;
+        }
+    }
+}
+
+void GlobalFunction::PixelFormat_YUV422Packed_To_Gray8(YUV422_Type eType, const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
+{
+    if (!validYuv(eType, nWidth, nHeight))
+        return;
+    // Gray8 rows have no padding: the whole image is one run of pixels.
+    const long nPairs = static_cast<long>(nWidth) * nHeight / 2;
+    kavrel::pixelKernels().yuvToGray(static_cast<int>(eType), pSrc, pDst, static_cast<std::size_t>(nPairs));
+}
+
+void GlobalFunction::PixelFormat_DIB_To_Gray8(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
+{
+    if (nWidth < 1 || nHeight < 1)
+        return;
+    const kavrel::PixelKernels& k = kavrel::pixelKernels();
+    const long nStride = dibStride(nWidth);
+    for (long y = 0; y < nHeight; ++y)
+        k.bgrToGray(pSrc + y * nStride, pDst + y * nWidth, static_cast<std::size_t>(nWidth));
+}
+
+void GlobalFunction::PixelFormat_DIB_To_Gray8Aligned(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
+{
+    if (nWidth < 1 || nHeight < 1)
+        return;
+    const kavrel::PixelKernels& k = kavrel::pixelKernels();
+    const long nStride = dibStride(nWidth);
+    const long nDstStride = grayAlignedStride(nWidth);
+    for (long y = 0; y < nHeight; ++y)
+        k.bgrToGray(pSrc + y * nStride, pDst + y * nDstStride, static_cast<std::size_t>(nWidth));
+}
+
+void GlobalFunction::PixelFormat_Gray8_To_DIB(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
+{
+    if (nWidth < 1 || nHeight < 1)
+        return;
+    const kavrel::PixelKernels& k = kavrel::pixelKernels();
+    const long nStride = dibStride(nWidth);
+    for (long y = 0; y < nHeight; ++y)
+        k.expand3(pSrc + y * nWidth, pDst + y * nStride, static_cast<std::size_t>(nWidth), nullptr);
+}
+
+void GlobalFunction::PixelFormat_Gray8Aligned_To_DIB(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
+{
+    if (nWidth < 1 || nHeight < 1)
+        return;
+    const kavrel::PixelKernels& k = kavrel::pixelKernels();
+    const long nStride = dibStride(nWidth);
+    const long nSrcStride = grayAlignedStride(nWidth);
+    for (long y = 0; y < nHeight; ++y)
+        k.expand3(pSrc + y * nSrcStride, pDst + y * nStride, static_cast<std::size_t>(nWidth), nullptr);
+}
+
+void GlobalFunction::PixelFormat_Gray8_To_Gray8Aligned(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
+{
+    if (nWidth < 1 || nHeight < 1)
+        return;
+    const long nDstStride = grayAlignedStride(nWidth);
+    for (long y = 0; y < nHeight; ++y)
+        std::memcpy(pDst + y * nDstStride, pSrc + y * nWidth, static_cast<std::size_t>(nWidth));
+}
+
+void GlobalFunction::PixelFormat_Gray8Aligned_To_Gray8(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
+{
+    if (nWidth < 1 || nHeight < 1)
+        return;
+    const long nSrcStride = grayAlignedStride(nWidth);
+    for (long y = 0; y < nHeight; ++y)
+        std::memcpy(pDst + y * nWidth, pSrc + y * nSrcStride, static_cast<std::size_t>(nWidth));
+}
+
+void GlobalFunction::Exg_RB(unsigned char* pBuf, int nWidth, int nHeight)
+{
+    if (nWidth < 1 || nHeight < 1)
+        return;
+    const kavrel::PixelKernels& k = kavrel::pixelKernels();
+    const long nStride = dibStride(nWidth);
+    for (long y = 0; y < nHeight; ++y)
+        k.swapRB(pBuf + y * nStride, static_cast<std::size_t>(nWidth));
 }

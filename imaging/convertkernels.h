@@ -1,0 +1,55 @@
+#ifndef KAVREL_IMAGING_CONVERTKERNELS_H
+#define KAVREL_IMAGING_CONVERTKERNELS_H
+
+// Row kernels behind the pixel conversions and the driver's frame path, picked
+// once per process for the processor at hand. Internal to the library.
+
+#include <cstddef>
+
+namespace kavrel {
+
+struct PixelKernels {
+    const char* pszName;
+    // nPairs whole YUV groups (type 0 .. 3) into 2 * nPairs BGR pixels, clamped.
+    void (*yuvToBgr)(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs);
+    // nPairs whole YUV groups into 2 * nPairs grey bytes (grey of unclamped colour).
+    void (*yuvToGray)(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs);
+    // Weighted grey of n BGR pixels.
+    void (*bgrToGray)(const unsigned char* pSrc, unsigned char* pDst, std::size_t n);
+    // Every source byte three times, through lut when it is not null.
+    void (*expand3)(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, const unsigned char* lut);
+    // Bytes 0 and 2 of n pixels exchanged in place.
+    void (*swapRB)(unsigned char* pBuf, std::size_t n);
+    // pDst[i] = lut[pSrc[i]]; pSrc may equal pDst.
+    void (*lutCopy)(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, const unsigned char* lut);
+    // Driver grey of n 3-byte pixels (no table).
+    void (*grey3To1)(const unsigned char* pSrc, unsigned char* pDst, std::size_t n);
+};
+
+// The kernels for this processor (chosen on first use, thread-safe).
+const PixelKernels& pixelKernels();
+// Every kernel set this build has and this processor can run, best last;
+// tests check each of them against the reference.
+std::size_t availablePixelKernels(const PixelKernels** ppList, std::size_t nMax);
+
+// Scalar building blocks shared by the SIMD sets for row ends.
+namespace scalar {
+extern const PixelKernels kKernels;
+void yuvPixelBgr(int nY, int nU, int nV, unsigned char* pOut);
+unsigned char yuvPixelGray(int nY, int nU, int nV);
+void lutCopy(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, const unsigned char* lut);
+// Positions of Y0, U, Y1, V in a group for each type.
+extern const unsigned char kGroupPos[4][4];
+} // namespace scalar
+
+#if defined(__x86_64__) || defined(_M_X64)
+namespace avx2 { extern const PixelKernels kKernels; }
+namespace avx512 { extern const PixelKernels kKernels; }
+#endif
+#if defined(__ARM_NEON)
+namespace neon { extern const PixelKernels kKernels; }
+#endif
+
+} // namespace kavrel
+
+#endif

@@ -1,0 +1,278 @@
+// AVX2 kernels (this file is compiled with -mavx2 and only called when the
+// processor has it).
+//
+// Exactness: the YUV arithmetic runs in single precision on integers below
+// 2^24, so every product and sum is exact, and trunc(x * 0.001f) equals
+// trunc(x / 1000) for |x| < 2^20 (the nearest non-integer quotient is 0.001
+// away, the rounding error is below 1e-4). The weighted grey is the exact
+// quotient S / 1000, S = 587 g + 299 r + 114 b, except when S is a multiple of
+// 1000, where rounding in double precision may land just below the integer:
+// those vectors are recomputed in double precision with the very same
+// operations. The driver's grey is computed in double precision throughout.
+
+#include "imaging/kernels_x86.h"
+
+#include "imaging/convertkernels.h"
+#include "imaging/convertreference.h"
+
+#include <immintrin.h>
+
+namespace kavrel {
+namespace avx2 {
+
+namespace {
+
+// Masks that gather Y (pixel order) and U, V (repeated for both pixels of a
+// pair) from four YUV groups.
+struct YuvMasks {
+    __m128i yu;
+    __m128i v;
+};
+
+YuvMasks yuvMasks(int nType)
+{
+    const unsigned char* pos = scalar::kGroupPos[nType];
+    alignas(16) unsigned char yu[16], v[16];
+    for (int i = 0; i < 4; ++i) {
+        yu[2 * i] = static_cast<unsigned char>(4 * i + pos[0]);
+        yu[2 * i + 1] = static_cast<unsigned char>(4 * i + pos[2]);
+        yu[8 + 2 * i] = yu[8 + 2 * i + 1] = static_cast<unsigned char>(4 * i + pos[1]);
+        v[2 * i] = v[2 * i + 1] = static_cast<unsigned char>(4 * i + pos[3]);
+        v[8 + 2 * i] = v[8 + 2 * i + 1] = 0x80;
+    }
+    return {_mm_load_si128(reinterpret_cast<const __m128i*>(yu)), _mm_load_si128(reinterpret_cast<const __m128i*>(v))};
+}
+
+// Blue, green and red (truncated, unclamped) of the 8 pixels of four groups.
+inline void yuvToBgr8(__m128i groups, const YuvMasks& m, __m256i& b, __m256i& g, __m256i& r)
+{
+    const __m128i yu = _mm_shuffle_epi8(groups, m.yu);
+    const __m128i vv = _mm_shuffle_epi8(groups, m.v);
+    const __m256i y32 = _mm256_sub_epi32(_mm256_cvtepu8_epi32(yu), _mm256_set1_epi32(16));
+    const __m256i u32 = _mm256_sub_epi32(_mm256_cvtepu8_epi32(_mm_srli_si128(yu, 8)), _mm256_set1_epi32(128));
+    const __m256i v32 = _mm256_sub_epi32(_mm256_cvtepu8_epi32(vv), _mm256_set1_epi32(128));
+    const __m256 fy = _mm256_mul_ps(_mm256_cvtepi32_ps(y32), _mm256_set1_ps(1164.0f));
+    const __m256 fu = _mm256_cvtepi32_ps(u32);
+    const __m256 fv = _mm256_cvtepi32_ps(v32);
+    const __m256 k = _mm256_set1_ps(0.001f);
+    const __m256 xb = _mm256_add_ps(fy, _mm256_mul_ps(fu, _mm256_set1_ps(2018.0f)));
+    const __m256 xg = _mm256_sub_ps(_mm256_sub_ps(fy, _mm256_mul_ps(fv, _mm256_set1_ps(813.0f))),
+                                    _mm256_mul_ps(fu, _mm256_set1_ps(380.0f)));
+    const __m256 xr = _mm256_add_ps(fy, _mm256_mul_ps(fv, _mm256_set1_ps(1159.0f)));
+    b = _mm256_cvttps_epi32(_mm256_mul_ps(xb, k));
+    g = _mm256_cvttps_epi32(_mm256_mul_ps(xg, k));
+    r = _mm256_cvttps_epi32(_mm256_mul_ps(xr, k));
+}
+
+// Clamped B, G, R of 8 pixels as two lanes of 12 interleaved bytes (+4 spare).
+inline __m256i packBgr8(__m256i b, __m256i g, __m256i r)
+{
+    const __m256i bg = _mm256_packs_epi32(b, g);
+    const __m256i rr = _mm256_packs_epi32(r, r);
+    const __m256i bytes = _mm256_packus_epi16(bg, rr);
+    const __m256i order = _mm256_setr_epi8(0, 4, 8, 1, 5, 9, 2, 6, 10, 3, 7, 11, -1, -1, -1, -1,
+                                           0, 4, 8, 1, 5, 9, 2, 6, 10, 3, 7, 11, -1, -1, -1, -1);
+    return _mm256_shuffle_epi8(bytes, order);
+}
+
+// Weighted grey of 8 pixels given as integer B, G, R (possibly outside
+// 0 .. 255): exact quotient, with the double-precision rule where it matters.
+inline __m256i weightedGrey8(__m256i b, __m256i g, __m256i r)
+{
+    const __m256 s = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_cvtepi32_ps(g), _mm256_set1_ps(587.0f)),
+                                                 _mm256_mul_ps(_mm256_cvtepi32_ps(r), _mm256_set1_ps(299.0f))),
+                                   _mm256_mul_ps(_mm256_cvtepi32_ps(b), _mm256_set1_ps(114.0f)));
+    const __m256i q = _mm256_cvttps_epi32(_mm256_mul_ps(s, _mm256_set1_ps(0.001f)));
+    // Exact multiples of 1000 with a quotient in 1 .. 255; others come out
+    // the same either way (or clamp to the same byte).
+    const __m256 exact = _mm256_cmp_ps(_mm256_mul_ps(_mm256_cvtepi32_ps(q), _mm256_set1_ps(1000.0f)), s, _CMP_EQ_OQ);
+    const __m256i inRange = _mm256_and_si256(_mm256_cmpgt_epi32(q, _mm256_setzero_si256()),
+                                             _mm256_cmpgt_epi32(_mm256_set1_epi32(256), q));
+    if (_mm256_testz_si256(_mm256_castps_si256(exact), inRange))
+        return q;
+    const __m256d c587 = _mm256_set1_pd(0.587), c299 = _mm256_set1_pd(0.299), c114 = _mm256_set1_pd(0.114);
+    auto half = [&](__m128i b4, __m128i g4, __m128i r4) {
+        const __m256d d = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(_mm256_cvtepi32_pd(g4), c587),
+                                                      _mm256_mul_pd(_mm256_cvtepi32_pd(r4), c299)),
+                                        _mm256_mul_pd(_mm256_cvtepi32_pd(b4), c114));
+        return _mm256_cvttpd_epi32(d);
+    };
+    const __m128i lo = half(_mm256_castsi256_si128(b), _mm256_castsi256_si128(g), _mm256_castsi256_si128(r));
+    const __m128i hi = half(_mm256_extracti128_si256(b, 1), _mm256_extracti128_si256(g, 1), _mm256_extracti128_si256(r, 1));
+    return _mm256_inserti128_si256(_mm256_castsi128_si256(lo), hi, 1);
+}
+
+// 8 int32 clamped to bytes, stored to p.
+inline void storeBytes8(unsigned char* p, __m256i v)
+{
+    const __m256i w = _mm256_packs_epi32(v, v);
+    const __m256i bytes = _mm256_packus_epi16(w, w);
+    const __m128i out = _mm_unpacklo_epi32(_mm256_castsi256_si128(bytes), _mm256_extracti128_si256(bytes, 1));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(p), out);
+}
+
+// Channels 0, 1, 2 of 8 packed 3-byte pixels as 8 int32 each.
+inline void load3x8(const unsigned char* p, __m256i& c0, __m256i& c1, __m256i& c2)
+{
+    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    const __m128i b = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + 16));
+    const __m128i x0 = _mm_or_si128(_mm_shuffle_epi8(a, _mm_setr_epi8(0, 3, 6, 9, 12, 15, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1)),
+                                    _mm_shuffle_epi8(b, _mm_setr_epi8(-1, -1, -1, -1, -1, -1, 2, 5, -1, -1, -1, -1, -1, -1, -1, -1)));
+    const __m128i x1 = _mm_or_si128(_mm_shuffle_epi8(a, _mm_setr_epi8(1, 4, 7, 10, 13, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1)),
+                                    _mm_shuffle_epi8(b, _mm_setr_epi8(-1, -1, -1, -1, -1, 0, 3, 6, -1, -1, -1, -1, -1, -1, -1, -1)));
+    const __m128i x2 = _mm_or_si128(_mm_shuffle_epi8(a, _mm_setr_epi8(2, 5, 8, 11, 14, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1)),
+                                    _mm_shuffle_epi8(b, _mm_setr_epi8(-1, -1, -1, -1, -1, 1, 4, 7, -1, -1, -1, -1, -1, -1, -1, -1)));
+    c0 = _mm256_cvtepu8_epi32(x0);
+    c1 = _mm256_cvtepu8_epi32(x1);
+    c2 = _mm256_cvtepu8_epi32(x2);
+}
+
+// A 256-entry byte table as 16 rows of 16 bytes, each in both lanes.
+struct Lut {
+    __m256i row[16];
+    explicit Lut(const unsigned char* lut)
+    {
+        for (int j = 0; j < 16; ++j)
+            row[j] = _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(lut + 16 * j)));
+    }
+    // Low nibble picks the entry in all 16 rows, then the four high bits
+    // choose among them, one blend level per bit.
+    __m256i operator()(__m256i x) const
+    {
+        const __m256i lo = _mm256_and_si256(x, _mm256_set1_epi8(0x0F));
+        const __m256i m4 = _mm256_slli_epi16(x, 3);
+        __m256i l1[8];
+        for (int j = 0; j < 8; ++j)
+            l1[j] = _mm256_blendv_epi8(_mm256_shuffle_epi8(row[2 * j], lo), _mm256_shuffle_epi8(row[2 * j + 1], lo), m4);
+        const __m256i m5 = _mm256_slli_epi16(x, 2);
+        __m256i l2[4];
+        for (int j = 0; j < 4; ++j)
+            l2[j] = _mm256_blendv_epi8(l1[2 * j], l1[2 * j + 1], m5);
+        const __m256i m6 = _mm256_slli_epi16(x, 1);
+        const __m256i l3a = _mm256_blendv_epi8(l2[0], l2[1], m6);
+        const __m256i l3b = _mm256_blendv_epi8(l2[2], l2[3], m6);
+        return _mm256_blendv_epi8(l3a, l3b, x);
+    }
+};
+
+} // namespace
+
+void yuvToBgr(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs)
+{
+    const YuvMasks m = yuvMasks(nType);
+    std::size_t i = 0;
+    for (; i + 8 <= nPairs; i += 8, pSrc += 32, pDst += 48) {
+        __m256i b, g, r;
+        yuvToBgr8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pSrc)), m, b, g, r);
+        const __m256i qa = packBgr8(b, g, r);
+        yuvToBgr8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pSrc + 16)), m, b, g, r);
+        const __m256i qb = packBgr8(b, g, r);
+        // Squeeze the 4 spare bytes out of each lane: 48 bytes in 32 + 16.
+        const __m256i a = _mm256_permutevar8x32_epi32(qa, _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 7, 7));
+        const __m256i bLow = _mm256_permutevar8x32_epi32(qb, _mm256_setr_epi32(0, 0, 0, 0, 0, 0, 0, 1));
+        const __m256i bHigh = _mm256_permutevar8x32_epi32(qb, _mm256_setr_epi32(2, 4, 5, 6, 6, 6, 6, 6));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst), _mm256_blend_epi32(a, bLow, 0xC0));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pDst + 32), _mm256_castsi256_si128(bHigh));
+    }
+    scalar::kKernels.yuvToBgr(nType, pSrc, pDst, nPairs - i);
+}
+
+void yuvToGray(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs)
+{
+    const YuvMasks m = yuvMasks(nType);
+    std::size_t i = 0;
+    for (; i + 4 <= nPairs; i += 4, pSrc += 16, pDst += 8) {
+        __m256i b, g, r;
+        yuvToBgr8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pSrc)), m, b, g, r);
+        storeBytes8(pDst, weightedGrey8(b, g, r));
+    }
+    scalar::kKernels.yuvToGray(nType, pSrc, pDst, nPairs - i);
+}
+
+void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
+{
+    std::size_t i = 0;
+    for (; i + 8 <= n; i += 8, pSrc += 24, pDst += 8) {
+        __m256i b, g, r;
+        load3x8(pSrc, b, g, r);
+        storeBytes8(pDst, weightedGrey8(b, g, r));
+    }
+    scalar::kKernels.bgrToGray(pSrc, pDst, n - i);
+}
+
+void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
+{
+    const __m256d c06 = _mm256_set1_pd(0.6), c025 = _mm256_set1_pd(0.25), c015 = _mm256_set1_pd(0.15);
+    auto half = [&](__m128i b0, __m128i b1, __m128i b2) {
+        __m256d d = _mm256_mul_pd(_mm256_cvtepi32_pd(b1), c06);
+        d = _mm256_add_pd(d, _mm256_mul_pd(_mm256_cvtepi32_pd(b2), c025));
+        d = _mm256_add_pd(d, _mm256_mul_pd(_mm256_cvtepi32_pd(b0), c015));
+        return _mm256_cvttpd_epi32(d);
+    };
+    std::size_t i = 0;
+    for (; i + 8 <= n; i += 8, pSrc += 24, pDst += 8) {
+        __m256i b0, b1, b2;
+        load3x8(pSrc, b0, b1, b2);
+        const __m128i lo = half(_mm256_castsi256_si128(b0), _mm256_castsi256_si128(b1), _mm256_castsi256_si128(b2));
+        const __m128i hi = half(_mm256_extracti128_si256(b0, 1), _mm256_extracti128_si256(b1, 1), _mm256_extracti128_si256(b2, 1));
+        const __m128i w = _mm_packs_epi32(lo, hi);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(pDst), _mm_packus_epi16(w, w));
+    }
+    scalar::kKernels.grey3To1(pSrc, pDst, n - i);
+}
+
+void expand3(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, const unsigned char* lut)
+{
+    const __m256i m01 = _mm256_setr_epi8(0, 0, 0, 1, 1, 1, 2, 2, 2, 3, 3, 3, 4, 4, 4, 5,
+                                         5, 5, 6, 6, 6, 7, 7, 7, 8, 8, 8, 9, 9, 9, 10, 10);
+    const __m128i m2 = _mm_setr_epi8(10, 11, 11, 11, 12, 12, 12, 13, 13, 13, 14, 14, 14, 15, 15, 15);
+    auto put16 = [&](__m128i x, unsigned char* d) {
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(d), _mm256_shuffle_epi8(_mm256_broadcastsi128_si256(x), m01));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 32), _mm_shuffle_epi8(x, m2));
+    };
+    std::size_t i = 0;
+    if (lut) {
+        const Lut table(lut);
+        for (; i + 32 <= n; i += 32, pSrc += 32, pDst += 96) {
+            const __m256i x = table(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(pSrc)));
+            put16(_mm256_castsi256_si128(x), pDst);
+            put16(_mm256_extracti128_si256(x, 1), pDst + 48);
+        }
+    } else {
+        for (; i + 16 <= n; i += 16, pSrc += 16, pDst += 48)
+            put16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pSrc)), pDst);
+    }
+    scalar::kKernels.expand3(pSrc, pDst, n - i, lut);
+}
+
+void swapRB(unsigned char* pBuf, std::size_t n)
+{
+    // Five pixels per 16-byte load; the 16th byte (next pixel's blue) is
+    // written back unchanged, so keep one more pixel in the row.
+    const __m128i m = _mm_setr_epi8(2, 1, 0, 5, 4, 3, 8, 7, 6, 11, 10, 9, 14, 13, 12, 15);
+    std::size_t i = 0;
+    for (; i + 11 <= n; i += 10, pBuf += 30) {
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pBuf));
+        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pBuf + 15));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pBuf), _mm_shuffle_epi8(a, m));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pBuf + 15), _mm_shuffle_epi8(b, m));
+    }
+    scalar::kKernels.swapRB(pBuf, n - i);
+}
+
+void lutCopy(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, const unsigned char* lut)
+{
+    const Lut table(lut);
+    std::size_t i = 0;
+    for (; i + 32 <= n; i += 32)
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst + i),
+                            table(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(pSrc + i))));
+    scalar::kKernels.lutCopy(pSrc + i, pDst + i, n - i, lut);
+}
+
+const PixelKernels kKernels = {
+    "avx2", yuvToBgr, yuvToGray, bgrToGray, expand3, swapRB, lutCopy, grey3To1,
+};
+
+} // namespace avx2
+} // namespace kavrel

@@ -1,0 +1,213 @@
+// NEON kernels, compiled in when the target has NEON (__ARM_NEON). The same
+// exactness arguments as for the x86 sets hold (single-precision arithmetic on
+// integers below 2^24, truncating conversion); 32-bit NEON has no double
+// precision, so the few grey values that double rounding decides (exact
+// quotients) are recomputed by the scalar rule, lane by lane.
+
+#if defined(__ARM_NEON)
+
+#include "imaging/convertkernels.h"
+#include "imaging/convertreference.h"
+
+#include <arm_neon.h>
+#include <cstdint>
+
+namespace kavrel {
+namespace neon {
+
+namespace {
+
+struct Chroma {
+    float32x4_t b[2], g[2], r[2]; // chroma terms of 8 pairs
+};
+
+inline float32x4_t toFloat(int16x4_t v)
+{
+    return vcvtq_f32_s32(vmovl_s16(v));
+}
+
+inline Chroma chroma8(uint8x8_t u8, uint8x8_t v8)
+{
+    const int16x8_t u = vreinterpretq_s16_u16(vsubl_u8(u8, vdup_n_u8(128)));
+    const int16x8_t v = vreinterpretq_s16_u16(vsubl_u8(v8, vdup_n_u8(128)));
+    Chroma c;
+    for (int h = 0; h < 2; ++h) {
+        const float32x4_t fu = toFloat(h ? vget_high_s16(u) : vget_low_s16(u));
+        const float32x4_t fv = toFloat(h ? vget_high_s16(v) : vget_low_s16(v));
+        c.b[h] = vmulq_n_f32(fu, 2018.0f);
+        c.g[h] = vsubq_f32(vmulq_n_f32(fv, -813.0f), vmulq_n_f32(fu, 380.0f));
+        c.r[h] = vmulq_n_f32(fv, 1159.0f);
+    }
+    return c;
+}
+
+inline int32x4_t div1000(float32x4_t x)
+{
+    return vcvtq_s32_f32(vmulq_n_f32(x, 0.001f));
+}
+
+// Truncated, unclamped B, G, R of the 8 pixels with lumas y8 (one per pair).
+inline void bgr8(uint8x8_t y8, const Chroma& c, int32x4_t b[2], int32x4_t g[2], int32x4_t r[2])
+{
+    const int16x8_t y = vreinterpretq_s16_u16(vsubl_u8(y8, vdup_n_u8(16)));
+    for (int h = 0; h < 2; ++h) {
+        const float32x4_t fy = vmulq_n_f32(toFloat(h ? vget_high_s16(y) : vget_low_s16(y)), 1164.0f);
+        b[h] = div1000(vaddq_f32(fy, c.b[h]));
+        g[h] = div1000(vaddq_f32(fy, c.g[h]));
+        r[h] = div1000(vaddq_f32(fy, c.r[h]));
+    }
+}
+
+inline uint8x8_t clampBytes(const int32x4_t v[2])
+{
+    return vqmovun_s16(vcombine_s16(vqmovn_s32(v[0]), vqmovn_s32(v[1])));
+}
+
+// Weighted grey of 4 pixels; exact quotients in 1 .. 255 follow the double rule.
+inline int32x4_t weightedGrey4(int32x4_t b, int32x4_t g, int32x4_t r)
+{
+    const float32x4_t s = vaddq_f32(vaddq_f32(vmulq_n_f32(vcvtq_f32_s32(g), 587.0f),
+                                              vmulq_n_f32(vcvtq_f32_s32(r), 299.0f)),
+                                    vmulq_n_f32(vcvtq_f32_s32(b), 114.0f));
+    int32x4_t q = div1000(s);
+    const uint32x4_t exact = vandq_u32(vceqq_f32(vmulq_n_f32(vcvtq_f32_s32(q), 1000.0f), s),
+                                       vandq_u32(vcgtq_s32(q, vdupq_n_s32(0)), vcltq_s32(q, vdupq_n_s32(256))));
+    const uint32x2_t any = vorr_u32(vget_low_u32(exact), vget_high_u32(exact));
+    if ((vget_lane_u32(any, 0) | vget_lane_u32(any, 1)) == 0)
+        return q;
+    int32_t ab[4], ag[4], ar[4], aq[4];
+    vst1q_s32(ab, b);
+    vst1q_s32(ag, g);
+    vst1q_s32(ar, r);
+    for (int i = 0; i < 4; ++i)
+        aq[i] = ref::weightedGrey(ab[i], ag[i], ar[i]);
+    return vld1q_s32(aq);
+}
+
+void yuvToBgr(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs)
+{
+    const unsigned char* pos = scalar::kGroupPos[nType];
+    std::size_t i = 0;
+    for (; i + 8 <= nPairs; i += 8, pSrc += 32, pDst += 48) {
+        const uint8x8x4_t g = vld4_u8(pSrc);
+        const Chroma c = chroma8(g.val[pos[1]], g.val[pos[3]]);
+        int32x4_t b[2], gg[2], r[2];
+        bgr8(g.val[pos[0]], c, b, gg, r);
+        const uint8x8_t b0 = clampBytes(b), g0 = clampBytes(gg), r0 = clampBytes(r);
+        bgr8(g.val[pos[2]], c, b, gg, r);
+        const uint8x8x2_t bz = vzip_u8(b0, clampBytes(b));
+        const uint8x8x2_t gz = vzip_u8(g0, clampBytes(gg));
+        const uint8x8x2_t rz = vzip_u8(r0, clampBytes(r));
+        uint8x16x3_t out;
+        out.val[0] = vcombine_u8(bz.val[0], bz.val[1]);
+        out.val[1] = vcombine_u8(gz.val[0], gz.val[1]);
+        out.val[2] = vcombine_u8(rz.val[0], rz.val[1]);
+        vst3q_u8(pDst, out);
+    }
+    scalar::kKernels.yuvToBgr(nType, pSrc, pDst, nPairs - i);
+}
+
+void yuvToGray(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs)
+{
+    const unsigned char* pos = scalar::kGroupPos[nType];
+    std::size_t i = 0;
+    for (; i + 8 <= nPairs; i += 8, pSrc += 32, pDst += 16) {
+        const uint8x8x4_t g = vld4_u8(pSrc);
+        const Chroma c = chroma8(g.val[pos[1]], g.val[pos[3]]);
+        int32x4_t b[2], gg[2], r[2], q[2];
+        bgr8(g.val[pos[0]], c, b, gg, r);
+        q[0] = weightedGrey4(b[0], gg[0], r[0]);
+        q[1] = weightedGrey4(b[1], gg[1], r[1]);
+        const uint8x8_t left = clampBytes(q);
+        bgr8(g.val[pos[2]], c, b, gg, r);
+        q[0] = weightedGrey4(b[0], gg[0], r[0]);
+        q[1] = weightedGrey4(b[1], gg[1], r[1]);
+        const uint8x8x2_t z = vzip_u8(left, clampBytes(q));
+        vst1q_u8(pDst, vcombine_u8(z.val[0], z.val[1]));
+    }
+    scalar::kKernels.yuvToGray(nType, pSrc, pDst, nPairs - i);
+}
+
+void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
+{
+    std::size_t i = 0;
+    for (; i + 8 <= n; i += 8, pSrc += 24, pDst += 8) {
+        const uint8x8x3_t p = vld3_u8(pSrc);
+        const int16x8_t b = vreinterpretq_s16_u16(vmovl_u8(p.val[0]));
+        const int16x8_t g = vreinterpretq_s16_u16(vmovl_u8(p.val[1]));
+        const int16x8_t r = vreinterpretq_s16_u16(vmovl_u8(p.val[2]));
+        int32x4_t q[2];
+        q[0] = weightedGrey4(vmovl_s16(vget_low_s16(b)), vmovl_s16(vget_low_s16(g)), vmovl_s16(vget_low_s16(r)));
+        q[1] = weightedGrey4(vmovl_s16(vget_high_s16(b)), vmovl_s16(vget_high_s16(g)), vmovl_s16(vget_high_s16(r)));
+        vst1_u8(pDst, clampBytes(q));
+    }
+    scalar::kKernels.bgrToGray(pSrc, pDst, n - i);
+}
+
+void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
+{
+    // t = 20 * (b1 * 0.6 + b2 * 0.25 + b0 * 0.15) is an integer; when t is not
+    // a multiple of 20 the truncated result is t / 20 whatever the rounding.
+    std::size_t i = 0;
+    for (; i + 8 <= n; i += 8, pSrc += 24, pDst += 8) {
+        const uint8x8x3_t p = vld3_u8(pSrc);
+        uint16x8_t t = vmull_u8(p.val[1], vdup_n_u8(12));
+        t = vmlal_u8(t, p.val[2], vdup_n_u8(5));
+        t = vmlal_u8(t, p.val[0], vdup_n_u8(3));
+        // t / 20 for t < 16384: (t * 3277) >> 16.
+        const uint16x4_t qlo = vshrn_n_u32(vmull_n_u16(vget_low_u16(t), 3277), 16);
+        const uint16x4_t qhi = vshrn_n_u32(vmull_n_u16(vget_high_u16(t), 3277), 16);
+        const uint16x8_t q = vcombine_u16(qlo, qhi);
+        vst1_u8(pDst, vmovn_u16(q));
+        const uint8x8_t exact = vmovn_u16(vceqq_u16(vmulq_n_u16(q, 20), t));
+        uint64_t m = vget_lane_u64(vreinterpret_u64_u8(exact), 0);
+        for (int j = 0; m != 0; ++j, m >>= 8)
+            if (m & 0xFF)
+                pDst[j] = ref::grey3To1(pSrc + 3 * j);
+    }
+    scalar::kKernels.grey3To1(pSrc, pDst, n - i);
+}
+
+void expand3(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, const unsigned char* lut)
+{
+    std::size_t i = 0;
+    for (; i + 16 <= n; i += 16, pSrc += 16, pDst += 48) {
+        uint8x16_t v;
+        if (lut) {
+            unsigned char t[16];
+            for (int j = 0; j < 16; ++j)
+                t[j] = lut[pSrc[j]];
+            v = vld1q_u8(t);
+        } else {
+            v = vld1q_u8(pSrc);
+        }
+        uint8x16x3_t out;
+        out.val[0] = out.val[1] = out.val[2] = v;
+        vst3q_u8(pDst, out);
+    }
+    scalar::kKernels.expand3(pSrc, pDst, n - i, lut);
+}
+
+void swapRB(unsigned char* pBuf, std::size_t n)
+{
+    std::size_t i = 0;
+    for (; i + 16 <= n; i += 16, pBuf += 48) {
+        uint8x16x3_t p = vld3q_u8(pBuf);
+        const uint8x16_t t = p.val[0];
+        p.val[0] = p.val[2];
+        p.val[2] = t;
+        vst3q_u8(pBuf, p);
+    }
+    scalar::kKernels.swapRB(pBuf, n - i);
+}
+
+} // namespace
+
+const PixelKernels kKernels = {
+    "neon", yuvToBgr, yuvToGray, bgrToGray, expand3, swapRB, scalar::lutCopy, grey3To1,
+};
+
+} // namespace neon
+} // namespace kavrel
+
+#endif

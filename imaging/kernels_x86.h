@@ -1,0 +1,23 @@
+#ifndef KAVREL_IMAGING_KERNELS_X86_H
+#define KAVREL_IMAGING_KERNELS_X86_H
+
+// AVX2 row kernels, shared with the AVX-512 set. Only call them when the
+// processor has AVX2. Internal to the library.
+
+#include <cstddef>
+
+namespace kavrel {
+namespace avx2 {
+
+void yuvToBgr(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs);
+void yuvToGray(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs);
+void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n);
+void expand3(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, const unsigned char* lut);
+void swapRB(unsigned char* pBuf, std::size_t n);
+void lutCopy(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, const unsigned char* lut);
+void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n);
+
+} // namespace avx2
+} // namespace kavrel
+
+#endif

@@ -1,0 +1,209 @@
+// Every kernel set this processor can run, against the scalar reference on the
+// whole input domain: all 2^24 (Y, U, V) and (b, g, r) combinations, every
+// byte through every table, row lengths around the vector widths.
+
+#include "imaging/convertkernels.h"
+#include "imaging/convertreference.h"
+#include "imaging/framekernels.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <vector>
+
+using namespace kavrel;
+
+namespace {
+
+std::vector<const PixelKernels*> kernelSets()
+{
+    const PixelKernels* list[8];
+    const std::size_t n = availablePixelKernels(list, 8);
+    return std::vector<const PixelKernels*>(list, list + n);
+}
+
+// Reorders type-0 groups (Y0 U Y1 V) into the byte order of nType.
+void toType(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nGroups)
+{
+    const unsigned char* pos = scalar::kGroupPos[nType];
+    for (std::size_t i = 0; i < nGroups; ++i)
+        for (int c = 0; c < 4; ++c)
+            pDst[4 * i + pos[c]] = pSrc[4 * i + c];
+}
+
+size_t firstDiff(const std::vector<unsigned char>& a, const std::vector<unsigned char>& b)
+{
+    return static_cast<size_t>(std::mismatch(a.begin(), a.end(), b.begin()).first - a.begin());
+}
+
+} // namespace
+
+// One batch per V value: every (U, Y) pair, two lumas per group.
+TEST(PixelKernels, YuvToBgrAndGreyMatchReferenceOnAllInputs)
+{
+    const auto sets = kernelSets();
+    const std::size_t nGroups = 256 * 128;
+    std::vector<unsigned char> src(4 * nGroups), typed(4 * nGroups);
+    std::vector<unsigned char> wantBgr(6 * nGroups), gotBgr(6 * nGroups);
+    std::vector<unsigned char> wantGrey(2 * nGroups), gotGrey(2 * nGroups);
+    for (int v = 0; v < 256; ++v) {
+        for (std::size_t i = 0; i < nGroups; ++i) {
+            const int u = static_cast<int>(i >> 7), y = static_cast<int>(i & 127) * 2;
+            unsigned char* g = &src[4 * i];
+            g[0] = static_cast<unsigned char>(y);
+            g[1] = static_cast<unsigned char>(u);
+            g[2] = static_cast<unsigned char>(y + 1);
+            g[3] = static_cast<unsigned char>(v);
+            scalar::yuvPixelBgr(y, u, v, &wantBgr[6 * i]);
+            scalar::yuvPixelBgr(y + 1, u, v, &wantBgr[6 * i + 3]);
+            wantGrey[2 * i] = scalar::yuvPixelGray(y, u, v);
+            wantGrey[2 * i + 1] = scalar::yuvPixelGray(y + 1, u, v);
+        }
+        for (int type = 0; type < 4; ++type) {
+            toType(type, src.data(), typed.data(), nGroups);
+            for (const PixelKernels* k : sets) {
+                // The portable set shares the layout code of all types; one is enough.
+                if (k == &scalar::kKernels && type != 0)
+                    continue;
+                k->yuvToBgr(type, typed.data(), gotBgr.data(), nGroups);
+                ASSERT_EQ(gotBgr, wantBgr) << k->pszName << " type " << type << " V " << v
+                                           << " byte " << firstDiff(gotBgr, wantBgr);
+                k->yuvToGray(type, typed.data(), gotGrey.data(), nGroups);
+                ASSERT_EQ(gotGrey, wantGrey) << k->pszName << " type " << type << " V " << v
+                                             << " pixel " << firstDiff(gotGrey, wantGrey);
+            }
+        }
+    }
+}
+
+// One batch per first byte: every (second, third) pair.
+TEST(PixelKernels, WeightedGreyAndDriverGreyMatchReferenceOnAllInputs)
+{
+    const auto sets = kernelSets();
+    const std::size_t n = 65536;
+    std::vector<unsigned char> src(3 * n), wantW(n), wantD(n), got(n);
+    for (int b = 0; b < 256; ++b) {
+        for (std::size_t i = 0; i < n; ++i) {
+            unsigned char* p = &src[3 * i];
+            p[0] = static_cast<unsigned char>(b);
+            p[1] = static_cast<unsigned char>(i >> 8);
+            p[2] = static_cast<unsigned char>(i);
+            wantW[i] = static_cast<unsigned char>(ref::weightedGrey(p[0], p[1], p[2]));
+            wantD[i] = ref::grey3To1(p);
+        }
+        for (const PixelKernels* k : sets) {
+            k->bgrToGray(src.data(), got.data(), n);
+            ASSERT_EQ(got, wantW) << k->pszName << " b " << b << " pixel " << firstDiff(got, wantW);
+            k->grey3To1(src.data(), got.data(), n);
+            ASSERT_EQ(got, wantD) << k->pszName << " b0 " << b << " pixel " << firstDiff(got, wantD);
+        }
+    }
+}
+
+// Short rows of every length around the vector widths, at odd offsets, with
+// guard bytes behind them that must stay untouched.
+TEST(PixelKernels, RowKernelsHandleEveryLengthAndWriteNothingBeyond)
+{
+    std::mt19937 rng(7);
+    std::vector<unsigned char> lut(256);
+    for (auto& e : lut)
+        e = static_cast<unsigned char>(rng());
+    std::vector<unsigned char> src(4 * 200 + 1);
+    for (auto& e : src)
+        e = static_cast<unsigned char>(rng());
+    const unsigned char* s = src.data() + 1;
+    const std::size_t kGuard = 64;
+    for (const PixelKernels* k : kernelSets()) {
+        for (std::size_t n = 0; n <= 150; ++n) {
+            SCOPED_TRACE(std::string(k->pszName) + " length " + std::to_string(n));
+            auto run = [&](std::size_t nOut, auto fnGot, auto fnWant) {
+                std::vector<unsigned char> got(nOut + kGuard + 1, 0xA5), want(nOut + kGuard + 1, 0xA5);
+                fnGot(got.data() + 1);
+                fnWant(want.data() + 1);
+                EXPECT_EQ(got, want);
+            };
+            for (int type = 0; type < 4; ++type) {
+                run(6 * n, [&](unsigned char* d) { k->yuvToBgr(type, s, d, n); },
+                    [&](unsigned char* d) { scalar::kKernels.yuvToBgr(type, s, d, n); });
+                run(2 * n, [&](unsigned char* d) { k->yuvToGray(type, s, d, n); },
+                    [&](unsigned char* d) { scalar::kKernels.yuvToGray(type, s, d, n); });
+            }
+            run(n, [&](unsigned char* d) { k->bgrToGray(s, d, n); },
+                [&](unsigned char* d) { ref::dibToGray(s, d, static_cast<int>(n), 1, 0); });
+            run(n, [&](unsigned char* d) { k->grey3To1(s, d, n); },
+                [&](unsigned char* d) { ref::transferGrey3To1(s, d, n, nullptr); });
+            for (const unsigned char* table : {static_cast<const unsigned char*>(nullptr), static_cast<const unsigned char*>(lut.data())}) {
+                run(3 * n, [&](unsigned char* d) { k->expand3(s, d, n, table); },
+                    [&](unsigned char* d) { ref::transferExpand3(s, d, n, table); });
+            }
+            run(n, [&](unsigned char* d) { k->lutCopy(s, d, n, lut.data()); },
+                [&](unsigned char* d) { ref::transferCopy(s, d, n, lut.data()); });
+            run(3 * n, [&](unsigned char* d) { std::memcpy(d, s, 3 * n); k->swapRB(d, n); },
+                [&](unsigned char* d) { std::memcpy(d, s, 3 * n); ref::exgRB(d, static_cast<int>(n), 1); });
+        }
+    }
+}
+
+// Every byte value through tables of several shapes, by every kernel set and
+// by the driver's entry points (which fuse the table into the transfer).
+TEST(PixelKernels, EveryByteThroughEveryTable)
+{
+    std::vector<std::vector<unsigned char>> tables;
+    for (float g : {0.5f, 2.0f, 0.25f, 1.5f, 0.0f, -1.0f}) {
+        tables.emplace_back(256);
+        ref::buildGammaTable(g, tables.back().data());
+    }
+    tables.emplace_back(256);
+    for (int i = 0; i < 256; ++i)
+        tables.back()[i] = static_cast<unsigned char>(255 - i);
+    const std::size_t n = 3 * 256 + 7;
+    std::vector<unsigned char> src(3 * n), want(3 * n), got(3 * n);
+    for (std::size_t i = 0; i < src.size(); ++i)
+        src[i] = static_cast<unsigned char>(i * 7 + i / 256);
+    for (const auto& t : tables) {
+        for (const PixelKernels* k : kernelSets()) {
+            ref::transferCopy(src.data(), want.data(), 3 * n, t.data());
+            k->lutCopy(src.data(), got.data(), 3 * n, t.data());
+            EXPECT_EQ(got, want) << k->pszName;
+            got = src;
+            k->lutCopy(got.data(), got.data(), 3 * n, t.data());
+            EXPECT_EQ(got, want) << k->pszName << " in place";
+        }
+        transferCopy(src.data(), got.data(), 3 * n, t.data());
+        EXPECT_EQ(got, want);
+        applyTable((got = src).data(), 3 * n, t.data());
+        EXPECT_EQ(got, want);
+        ref::transferExpand3(src.data(), want.data(), n, t.data());
+        transferExpand3(src.data(), got.data(), n, t.data());
+        EXPECT_EQ(got, want);
+        std::fill(got.begin(), got.end(), 0);
+        std::fill(want.begin(), want.end(), 0);
+        ref::transferGrey3To1(src.data(), want.data(), n, t.data());
+        transferGrey3To1(src.data(), got.data(), n, t.data());
+        EXPECT_EQ(got, want);
+    }
+}
+
+TEST(PixelKernels, GammaRuleAndWorkedValues)
+{
+    EXPECT_FALSE(gammaActive(1.01f));
+    EXPECT_FALSE(gammaActive(0.99f));
+    EXPECT_TRUE(gammaActive(0.98f));
+    EXPECT_TRUE(gammaActive(2.0f));
+    unsigned char t[256];
+    buildGammaTable(2.0f, t);
+    EXPECT_EQ(t[128], 64);
+    EXPECT_EQ(t[255], 255);
+    buildGammaTable(0.5f, t);
+    EXPECT_EQ(t[1], 15);
+    EXPECT_EQ(t[64], 127);
+    buildGammaTable(-1.0f, t); // no meaning, but no undefined conversion either
+    EXPECT_EQ(t[0], 255);
+
+    const unsigned char px[][3] = {{23, 23, 23}, {60, 60, 60}, {255, 255, 255}, {10, 20, 30}};
+    const unsigned char want[] = {22, 60, 255, 21};
+    unsigned char got[4];
+    transferGrey3To1(&px[0][0], got, 4, nullptr);
+    EXPECT_EQ(0, std::memcmp(got, want, 4));
+}
