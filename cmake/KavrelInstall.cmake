@@ -147,7 +147,6 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME kavrel)
 set(CPACK_PACKAGE_VENDOR "Kavrel developers")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Two-camera acquisition library for Qt 5 hosts")
 set(CPACK_PACKAGING_INSTALL_PREFIX "${CMAKE_INSTALL_PREFIX}")
 set(CPACK_PACKAGE_DIRECTORY "${PROJECT_BINARY_DIR}/packages")
 set(CPACK_STRIP_FILES ON)
@@ -158,6 +157,7 @@ set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${KAVREL_DEB_ARCH})
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "Kavrel developers <kavrel@localhost>")
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 
+# Each description: first line the synopsis, then the long text.
 # Install rules without a component (the dialog translations) belong with the
 # library; each group below is one package.
 set(CPACK_COMPONENTS_ALL runtime Unspecified dev tools)
@@ -184,17 +184,26 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${_kavrel_deb_cxx}, ${_kavrel_deb_qt}"
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SUGGESTS "kavrel-camera-sim")
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
 "Two-camera acquisition library for Qt 5 hosts
- libKavrel.so.1 drives the Main and Slaver cameras through the camera
- vendor's SDK (libtorvane.so, not part of this package) and hands their
- frames to the host as grey or 24-bit colour images.")
+libKavrel.so.1 drives the Main and Slaver cameras through the camera
+vendor's SDK (libtorvane.so, not part of this package) and hands their
+frames to the host as grey or 24-bit colour images.")
+
+# ldconfig refreshes its cache after install/removal, and shlibs lets other
+# packages' dpkg-shlibdeps map libKavrel.so.1 to this package.
+file(WRITE "${PROJECT_BINARY_DIR}/deb/runtime/triggers" "activate-noawait ldconfig\n")
+file(WRITE "${PROJECT_BINARY_DIR}/deb/runtime/shlibs"
+     "libKavrel ${_kavrel_soversion} libkavrel1 (>= ${PROJECT_VERSION})\n")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
+    "${PROJECT_BINARY_DIR}/deb/runtime/triggers;${PROJECT_BINARY_DIR}/deb/runtime/shlibs")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_STRICT_PERMISSION TRUE)
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libkavrel-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libkavrel1 (= ${_kavrel_deb_version}), qtbase5-dev")
 set(CPACK_DEBIAN_DEV_DESCRIPTION
 "Development files for libKavrel
- Headers under include/kavrel, the CMake package Kavrel (target
- Kavrel::Kavrel) and the pkg-config module kavrel.")
+Headers under include/kavrel, the CMake package Kavrel (target
+Kavrel::Kavrel) and the pkg-config module kavrel.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME kavrel-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION video)
@@ -202,17 +211,17 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libkavrel1 (= ${_kavrel_deb_version}), $
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "kavrel-camera-sim")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
 "Programs that grab and show frames through libKavrel
- They use the simulated camera while kavrel-camera-sim is installed, and
- the vendor's libtorvane.so otherwise.")
+They use the simulated camera while kavrel-camera-sim is installed, and
+the vendor's libtorvane.so otherwise.")
 
 set(CPACK_DEBIAN_SIM_PACKAGE_NAME kavrel-camera-sim)
 set(CPACK_DEBIAN_SIM_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_SIM_PACKAGE_DEPENDS "${_kavrel_deb_cxx}")
 set(CPACK_DEBIAN_SIM_DESCRIPTION
 "Simulated camera in place of the vendor's camera SDK
- A stand-in libtorvane.so that produces test-pattern frames, installed in
- a private folder (lib/<arch>/kavrel/sim) where it never replaces the
- vendor's library. Programs use it with LD_LIBRARY_PATH set to that
- folder; the kavrel-tools programs find it by themselves.")
+A stand-in libtorvane.so that produces test-pattern frames, installed in
+a private folder (lib/<arch>/kavrel/sim) where it never replaces the
+vendor's library. Programs use it with LD_LIBRARY_PATH set to that
+folder; the kavrel-tools programs find it by themselves.")
 
 include(CPack)
