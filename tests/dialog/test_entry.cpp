@@ -1,0 +1,146 @@
+// The dialog entered from the API (showConfigWindowMain / Slaver) and from the
+// viewer program, with a timer acting on the modal dialog.
+
+#include "dialogtest.h"
+
+#include <QPlainTextEdit>
+
+#include <cstring>
+
+#include "viewerwindow.h"
+
+namespace {
+
+using Entry = SimTest;
+
+QByteArray gConfig = "<CCDPos>0</CCDPos><PixFmt>1</PixFmt><ROI>32,24</ROI>"
+                     "<Settings><Gamma>1.00</Gamma><Exposure>500</Exposure></Settings>";
+
+TEST_F(Entry, OkReturnsTheDialogsStringAndRestartsARunningCamera)
+{
+    KavrelInterface* api = KavrelInterface::getInstance();
+    api->setConfigStringMain(gConfig.data());
+    ASSERT_TRUE(api->connectMain());
+    ASSERT_TRUE(api->startMain());
+
+    bool bOpenWhileShown = false;
+    whenModal([&](QDialog* pDlg) {
+        // The registry's camera is closed while the dialog has the device.
+        bOpenWhileShown = api->IsConnectedMain();
+        click(pDlg, "btnOpenCCD");
+        type(pDlg, "edtGain", "3");
+        click(pDlg, "btnOK");
+    });
+    const char* szResult = api->showConfigWindowMain(gConfig.data());
+    ASSERT_NE(szResult, nullptr);
+    const QString strResult = QString::fromUtf8(szResult);
+    EXPECT_FALSE(bOpenWhileShown);
+    // Opened with 32 x 24 the camera kept that size.
+    EXPECT_TRUE(strResult.startsWith("<PixFmt>1</PixFmt><ROI>32,24</ROI><Settings>")) << qPrintable(strResult);
+    EXPECT_TRUE(strResult.contains("<Gain>3</Gain>"));
+    EXPECT_TRUE(api->IsStartedMain());
+    // The stored configuration is the host's, not the dialog's.
+    EXPECT_STREQ(api->getConfigStringMain(), gConfig.constData());
+    // Registry camera reopened, dialog camera closed.
+    EXPECT_EQ(torvanesim_open_count(), 1);
+}
+
+TEST_F(Entry, CancelAndCloseOnTheSlaverCamera)
+{
+    KavrelInterface* api = KavrelInterface::getInstance();
+    api->setConfigStringSlaver(gConfig.data());
+    ASSERT_TRUE(api->connectSlaver());
+
+    whenModal([](QDialog* pDlg) { click(pDlg, "btnCancel"); });
+    const char* szCancelled = api->showConfigWindowSlaver(gConfig.data());
+    ASSERT_NE(szCancelled, nullptr);
+    EXPECT_STREQ(szCancelled, "");
+    // Connected but not started before: closed afterwards.
+    EXPECT_FALSE(api->IsConnectedSlaver());
+
+    whenModal([](QDialog* pDlg) { pDlg->close(); });
+    EXPECT_STREQ(api->showConfigWindowSlaver(gConfig.data()), gConfig.constData());
+    EXPECT_EQ(torvanesim_open_count(), 0);
+}
+
+// The viewer's panels, found by object name as an operator would use them.
+struct Viewer : SimTest {
+    void SetUp() override
+    {
+        SimTest::SetUp();
+        torvanesim_set_sensor(1280, 960, 3);
+        pWindow = std::make_unique<ViewerWindow>(gszViewerDefaultMain, gszViewerDefaultSlaver);
+        pWindow->show();
+        pWindow->startAll();
+    }
+    void TearDown() override
+    {
+        pWindow.reset();
+        SimTest::TearDown();
+    }
+    std::unique_ptr<ViewerWindow> pWindow;
+};
+
+TEST_F(Viewer, ShowsBothCamerasLive)
+{
+    KavrelInterface* api = KavrelInterface::getInstance();
+    EXPECT_TRUE(api->IsStartedMain());
+    EXPECT_TRUE(api->IsStartedSlaver());
+    CameraPanel* pMain = pWindow->panel(CameraPanel::Main);
+    CameraPanel* pSlaver = pWindow->panel(CameraPanel::Slaver);
+    QTRY_VERIFY_WITH_TIMEOUT(pMain->framesShown() > 2 && pSlaver->framesShown() > 2, 3000);
+    EXPECT_EQ(pMain->view()->image().size(), QSize(640, 480));
+    EXPECT_EQ(pMain->view()->image().format(), QImage::Format_BGR888);
+    EXPECT_EQ(pSlaver->view()->image().format(), QImage::Format_Grayscale8);
+    EXPECT_TRUE(pMain->status().contains("running, 640 x 480, colour")) << qPrintable(pMain->status());
+
+    // Stop and start again from the panel's button.
+    click(pWindow.get(), "btnRunSlaver");
+    EXPECT_FALSE(api->IsStartedSlaver());
+    click(pWindow.get(), "btnRunSlaver");
+    EXPECT_TRUE(api->IsStartedSlaver());
+}
+
+TEST_F(Viewer, AdoptsTheDialogsResultBySettingAndReconnecting)
+{
+    KavrelInterface* api = KavrelInterface::getInstance();
+    whenModal([](QDialog* pDlg) {
+        child<QComboBox>(pDlg, "cmbPixelType")->setCurrentIndex(0);
+        type(pDlg, "edtROIWidth", "320");
+        type(pDlg, "edtROIHeight", "240");
+        click(pDlg, "btnOK");
+    });
+    click(pWindow.get(), "btnConfigureMain");
+    CameraPanel* pMain = pWindow->panel(CameraPanel::Main);
+    const QString strResult = pMain->configText();
+    EXPECT_TRUE(strResult.startsWith("<PixFmt>0</PixFmt><ROI>320,240</ROI>")) << qPrintable(strResult);
+    // The library restarted the camera with the old configuration.
+    EXPECT_TRUE(api->IsStartedMain());
+    EXPECT_STREQ(api->getConfigStringMain(), gszViewerDefaultMain);
+
+    click(pWindow.get(), "btnAdoptMain");
+    EXPECT_EQ(QString::fromUtf8(api->getConfigStringMain()), strResult);
+    EXPECT_TRUE(api->IsStartedMain());
+    const int nShown = pMain->framesShown();
+    QTRY_VERIFY_WITH_TIMEOUT(pMain->framesShown() > nShown, 3000);
+    EXPECT_EQ(pMain->view()->image().format(), QImage::Format_Grayscale8);
+}
+
+TEST_F(Viewer, CancelKeepsTheTextAndApplyNeedsARunningCamera)
+{
+    KavrelInterface* api = KavrelInterface::getInstance();
+    CameraPanel* pSlaver = pWindow->panel(CameraPanel::Slaver);
+    whenModal([](QDialog* pDlg) { click(pDlg, "btnCancel"); });
+    click(pWindow.get(), "btnConfigureSlaver");
+    EXPECT_EQ(pSlaver->configText(), QString::fromLatin1(gszViewerDefaultSlaver));
+    EXPECT_TRUE(pSlaver->status().contains("cancelled"));
+
+    click(pWindow.get(), "btnApplySlaver");
+    EXPECT_TRUE(pSlaver->status().contains("applied")) << qPrintable(pSlaver->status());
+    click(pWindow.get(), "btnRunSlaver");
+    ASSERT_FALSE(api->IsStartedSlaver());
+    click(pWindow.get(), "btnApplySlaver");
+    EXPECT_TRUE(pSlaver->status().contains("not applied")) << qPrintable(pSlaver->status());
+}
+
+} // namespace
