@@ -70,6 +70,10 @@ endif()
 set(CMAKE_C_FLAGS_INIT "${_kavrel_arch_flags}")
 set(CMAKE_CXX_FLAGS_INIT "${_kavrel_arch_flags}")
 
+# GNUInstallDirs picks Debian's multiarch libdir only for native builds; the
+# packages need the same layout as Debian's own armhf libraries.
+set(CMAKE_INSTALL_LIBDIR "lib/${CMAKE_LIBRARY_ARCHITECTURE}" CACHE PATH "Object code libraries (lib/<multiarch>)")
+
 # pkg-config: the sysroot's .pc files, with their paths moved into it.
 set(ENV{PKG_CONFIG_SYSROOT_DIR} "${KAVREL_ARMHF_SYSROOT}")
 set(ENV{PKG_CONFIG_LIBDIR}
