@@ -5,6 +5,7 @@
 #include "dialogtest.h"
 
 #include <QRadioButton>
+#include <QTimerEvent>
 
 #include "dialog/webcamconfigdlg.h"
 
@@ -320,28 +321,36 @@ TEST_F(Dialog, PreviewShowsTheCameraLiveAndHonoursTheScaling)
     EXPECT_EQ(torvanesim_frames_delivered(), nDelivered);
 }
 
+// One tick of the preview poll, without waiting for the timer.
+void tick(QDialog& dlg)
+{
+    QTimerEvent cTick(0);
+    QCoreApplication::sendEvent(&dlg, &cTick);
+}
+
 TEST_F(Dialog, PreviewFollowsFramesOfChangingSize)
 {
     WebCamConfigDlg dlg("");
     dlg.show();
     child<QRadioButton>(&dlg, "rbInit")->click();
     click(&dlg, "btnOpenCCD");
-    // Grey pixel type: one byte per pixel, shown as three equal bytes. The
-    // second frame needs a larger hand-over buffer than the first.
-    const std::vector<unsigned char> small(20 * 10, 90);
-    const std::vector<unsigned char> big(60 * 40, 200);
-    for (int i = 0; i < 3; ++i)
-        torvanesim_queue_frame(20, 10, 1, small.data());
-    QTest::qWait(450);
-    QImage cPicture = previewPicture(&dlg);
-    EXPECT_EQ(cPicture.pixelColor(19, 9), QColor(90, 90, 90));
-    EXPECT_EQ(cPicture.pixelColor(20, 9), QColor(Qt::white));
-    for (int i = 0; i < 30; ++i)
-        torvanesim_queue_frame(60, 40, 1, big.data());
-    QTest::qWait(450);
-    cPicture = previewPicture(&dlg);
-    EXPECT_EQ(cPicture.pixelColor(59, 39), QColor(200, 200, 200));
-    EXPECT_EQ(cPicture.pixelColor(60, 39), QColor(Qt::white));
+    // Grey pixel type: one byte per pixel, shown as three equal bytes. Each
+    // frame needs a larger hand-over buffer than the one before.
+    const struct {
+        int nWidth;
+        int nHeight;
+        unsigned char nGrey;
+    } frames[] = {{20, 10, 90}, {60, 40, 200}, {8, 4, 30}, {64, 48, 140}};
+    for (const auto& f : frames) {
+        SCOPED_TRACE(f.nWidth);
+        const std::vector<unsigned char> bytes(static_cast<size_t>(f.nWidth) * f.nHeight, f.nGrey);
+        torvanesim_queue_frame(f.nWidth, f.nHeight, 1, bytes.data());
+        tick(dlg);
+        const QImage cPicture = previewPicture(&dlg);
+        EXPECT_EQ(cPicture.pixelColor(f.nWidth - 1, f.nHeight - 1), QColor(f.nGrey, f.nGrey, f.nGrey));
+        EXPECT_EQ(cPicture.pixelColor(f.nWidth, f.nHeight - 1), QColor(Qt::white));
+        EXPECT_EQ(cPicture.pixelColor(f.nWidth - 1, f.nHeight), QColor(Qt::white));
+    }
 }
 
 TEST_F(Dialog, WhiteBalanceGroupFollowsThePixelType)
