@@ -1,0 +1,138 @@
+// Runs every benchmark (medians of 5 repetitions unless told otherwise) and
+// then prints one table: per case and size, each implementation's median and
+// Kavrel's time relative to the reference, the best other library, or the
+// memcpy floor.
+
+#include "bench/benchsummary.h"
+
+#include <benchmark/benchmark.h>
+
+#ifdef KAVREL_BENCH_OPENCV
+#include <opencv2/core.hpp>
+#endif
+
+#include <QCoreApplication>
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+const std::vector<BenchSize>& benchSizes()
+{
+    static const std::vector<BenchSize> s_sizes = {{640, 480}, {1920, 1080}, {2592, 1944}};
+    return s_sizes;
+}
+
+std::string benchName(const std::string& strCase, const std::string& strImpl, const BenchSize& size)
+{
+    return strCase + "/" + strImpl + "/" + std::to_string(size.nWidth) + "x" + std::to_string(size.nHeight);
+}
+
+namespace {
+
+// Keeps the median (or single-run) time of every benchmark by name.
+class SummaryReporter : public benchmark::ConsoleReporter {
+public:
+    struct Row {
+        std::string strCase, strSize;
+        std::map<std::string, double> ms;
+    };
+    std::vector<Row> rows;
+
+    void ReportRuns(const std::vector<Run>& runs) override
+    {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run& r : runs) {
+            if (r.error_occurred || (r.run_type == Run::RT_Aggregate && r.aggregate_name != "median"))
+                continue;
+            const std::string name = r.run_name.function_name;
+            const size_t a = name.find('/'), b = name.rfind('/');
+            if (a == std::string::npos || a == b)
+                continue;
+            const std::string strCase = name.substr(0, a), strImpl = name.substr(a + 1, b - a - 1);
+            const std::string strSize = name.substr(b + 1);
+            auto it = std::find_if(rows.begin(), rows.end(),
+                                   [&](const Row& row) { return row.strCase == strCase && row.strSize == strSize; });
+            if (it == rows.end())
+                it = rows.insert(rows.end(), Row{strCase, strSize, {}});
+            it->ms[strImpl] = r.GetAdjustedRealTime() * 1e3 / benchmark::GetTimeUnitMultiplier(r.time_unit);
+        }
+    }
+
+    void printTable() const
+    {
+        auto cell = [](const Row& row, const char* impl) {
+            auto it = row.ms.find(impl);
+            char sz[32] = "-";
+            if (it != row.ms.end())
+                std::snprintf(sz, sizeof sz, "%.3f", it->second);
+            return std::string(sz);
+        };
+        std::printf("\n| Case | Size | Kavrel ms | Reference ms | libyuv ms | OpenCV ms | memcpy floor ms | SDK frame ms | Kavrel vs. |\n");
+        std::printf("|---|---|---:|---:|---:|---:|---:|---:|---|\n");
+        for (const Row& row : rows) {
+            auto get = [&](const char* impl) {
+                auto it = row.ms.find(impl);
+                return it == row.ms.end() ? -1.0 : it->second;
+            };
+            const double k = get("kavrel");
+            std::string strVs;
+            char sz[96];
+            if (k > 0 && get("reference") > 0) {
+                std::snprintf(sz, sizeof sz, "%.1fx faster than reference; ", get("reference") / k);
+                strVs += sz;
+            }
+            double best = -1;
+            for (const char* lib : {"libyuv", "opencv"})
+                if (get(lib) > 0 && (best < 0 || get(lib) < best))
+                    best = get(lib);
+            if (k > 0 && best > 0) {
+                std::snprintf(sz, sizeof sz, "%.2fx time of best library; ", k / best);
+                strVs += sz;
+            }
+            const double floor = get("memcpy x2") > 0 ? get("memcpy x2") : get("memcpy");
+            if (k > 0 && floor > 0) {
+                std::snprintf(sz, sizeof sz, "%.2fx memcpy floor; ", k / floor);
+                strVs += sz;
+            }
+            std::printf("| %s | %s | %s | %s | %s | %s | %s | %s | %s |\n", row.strCase.c_str(), row.strSize.c_str(),
+                        cell(row, "kavrel").c_str(), cell(row, "reference").c_str(), cell(row, "libyuv").c_str(),
+                        cell(row, "opencv").c_str(),
+                        cell(row, row.ms.count("memcpy x2") ? "memcpy x2" : "memcpy").c_str(),
+                        cell(row, "sdk frame").c_str(), strVs.c_str());
+        }
+    }
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+#ifdef KAVREL_BENCH_OPENCV
+    cv::setNumThreads(1);
+#endif
+    std::vector<char*> args(argv, argv + argc);
+    bool bReps = false;
+    for (int i = 1; i < argc; ++i)
+        bReps = bReps || std::string(argv[i]).rfind("--benchmark_repetitions", 0) == 0;
+    char szReps[] = "--benchmark_repetitions=5";
+    char szAggr[] = "--benchmark_report_aggregates_only=true";
+    char szMin[] = "--benchmark_min_time=0.05";
+    if (!bReps) {
+        args.push_back(szReps);
+        args.push_back(szAggr);
+        args.push_back(szMin);
+    }
+    int nArgs = static_cast<int>(args.size());
+    benchmark::Initialize(&nArgs, args.data());
+    registerConversionBenchmarks();
+    registerRequestBenchmarks();
+    SummaryReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    reporter.printTable();
+    benchmark::Shutdown();
+    return 0;
+}

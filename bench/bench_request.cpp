@@ -1,0 +1,119 @@
+// The image request path on the simulated camera (frames ready at once):
+// SDK frame -> driver image (transfer, grey, gamma) -> hand-over buffer.
+// Beside it, the floor: a memcpy of the frame's bytes plus a memcpy of the
+// image's bytes (the two copies the path cannot avoid), and the simulated
+// camera's own cost of producing a frame (get_frame_timeout alone).
+
+#include "api/interface.h"
+#include "bench/benchsummary.h"
+#include "sdk/torvane.h"
+#include "sdk/torvanesim.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+struct RequestCase {
+    const char* pszName;
+    int nPixFmt;      // <PixFmt> code: 0 grey, 1 BGR
+    int nFrameBytes;  // bytes per pixel of the sensor
+    const char* pszGamma;
+};
+
+const RequestCase kCases[] = {
+    {"Request BGR gamma 1.0 (3-byte frames)", 1, 3, "1.00"},
+    {"Request BGR gamma 0.5 (3-byte frames)", 1, 3, "0.50"},
+    {"Request grey (3-byte frames)", 0, 3, "1.00"},
+    {"Request BGR (1-byte frames)", 1, 1, "1.00"},
+};
+
+void startSimulator(const BenchSize& size, int nBytesPerPixel)
+{
+    torvanesim_reset();
+    torvanesim_set_sensor(size.nWidth, size.nHeight, nBytesPerPixel);
+    torvanesim_set_frame_rate(0);
+    torvanesim_log_frames(0);
+}
+
+void runRequest(benchmark::State& state, const RequestCase& c, const BenchSize& size)
+{
+    startSimulator(size, c.nFrameBytes);
+    char szConfig[256];
+    std::snprintf(szConfig, sizeof szConfig,
+                  "<PixFmt>%d</PixFmt><ROI>0,0</ROI><Settings><Gamma>%s</Gamma><TriggerType>Video</TriggerType></Settings>",
+                  c.nPixFmt, c.pszGamma);
+    KavrelInterface* api = KavrelInterface::getInstance();
+    api->setConfigStringMain(szConfig);
+    if (!api->connectMain() || !api->startMain()) {
+        state.SkipWithError(api->getLastError());
+        return;
+    }
+    for (auto _ : state) {
+        int w = 0, bpl = 0, h = 0;
+        unsigned char* p = api->requestImageMain(&w, &bpl, &h, 1000);
+        if (!p) {
+            state.SkipWithError("no image");
+            break;
+        }
+        benchmark::DoNotOptimize(p[0]);
+        api->releaseImageMain(p);
+    }
+    api->stopMain();
+    api->disconnectMain();
+}
+
+void runFloor(benchmark::State& state, const RequestCase& c, const BenchSize& size)
+{
+    const size_t nPixels = static_cast<size_t>(size.nWidth) * size.nHeight;
+    const size_t nFrame = nPixels * c.nFrameBytes, nImage = nPixels * (c.nPixFmt == 0 ? 1 : 3);
+    std::vector<unsigned char> frame(nFrame, 1), image(std::max(nFrame, nImage), 2), host(nImage, 3);
+    for (auto _ : state) {
+        std::memcpy(image.data(), frame.data(), nFrame);
+        std::memcpy(host.data(), image.data(), nImage);
+        benchmark::ClobberMemory();
+    }
+}
+
+void runSdk(benchmark::State& state, int nBytesPerPixel, const BenchSize& size)
+{
+    startSimulator(size, nBytesPerPixel);
+    if (camera_init(0, 0) != 0) {
+        state.SkipWithError("camera_init failed");
+        return;
+    }
+    set_camera_mode(0, 0);
+    for (auto _ : state) {
+        int w = 0, h = 0, bpp = 0;
+        const unsigned char* p = get_frame_timeout(&w, &h, &bpp, 0, 1000);
+        if (!p) {
+            state.SkipWithError("no frame");
+            break;
+        }
+        benchmark::DoNotOptimize(p[0]);
+    }
+    camera_free(0);
+}
+
+} // namespace
+
+void registerRequestBenchmarks()
+{
+    for (const BenchSize& size : benchSizes()) {
+        for (const RequestCase& c : kCases) {
+            benchmark::RegisterBenchmark(benchName(c.pszName, "kavrel", size).c_str(),
+                                         [&c, size](benchmark::State& s) { runRequest(s, c, size); })
+                ->Unit(benchmark::kMillisecond)->UseRealTime();
+            benchmark::RegisterBenchmark(benchName(c.pszName, "memcpy x2", size).c_str(),
+                                         [&c, size](benchmark::State& s) { runFloor(s, c, size); })
+                ->Unit(benchmark::kMillisecond)->UseRealTime();
+            benchmark::RegisterBenchmark(benchName(c.pszName, "sdk frame", size).c_str(),
+                                         [&c, size](benchmark::State& s) { runSdk(s, c.nFrameBytes, size); })
+                ->Unit(benchmark::kMillisecond)->UseRealTime();
+        }
+    }
+}
