@@ -178,6 +178,9 @@ for dir in usr/lib/qt5/bin usr/lib/arm-linux-gnueabihf/qt5/bin; do
   done
 done
 
+# Keep the downloads for the next rebuild, less those no longer on the mirror.
+apt-get "${apt_opts[@]}" -q autoclean >&2 || true
+
 echo "$stamp_want" > "$tmp/.kavrel-sysroot"
 rm -rf "$sysroot.old"
 if [ -d "$sysroot" ]; then mv "$sysroot" "$sysroot.old"; fi
