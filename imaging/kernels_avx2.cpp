@@ -8,7 +8,8 @@
 // quotient S / 1000, S = 587 g + 299 r + 114 b, except when S is a multiple of
 // 1000, where rounding in double precision may land just below the integer:
 // those vectors are recomputed in double precision with the very same
-// operations. The driver's grey is computed in double precision throughout.
+// operations. The driver's grey works the same way on its own integer (see
+// grey3To1).
 
 #include "imaging/kernels_x86.h"
 
@@ -111,17 +112,24 @@ inline void storeBytes8(unsigned char* p, __m256i v)
     _mm_storel_epi64(reinterpret_cast<__m128i*>(p), out);
 }
 
-// Channels 0, 1, 2 of 8 packed 3-byte pixels as 8 int32 each.
-inline void load3x8(const unsigned char* p, __m256i& c0, __m256i& c1, __m256i& c2)
+// Channels 0, 1, 2 of 8 packed 3-byte pixels, 8 bytes each (low half).
+inline void load3x8Bytes(const unsigned char* p, __m128i& x0, __m128i& x1, __m128i& x2)
 {
     const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
     const __m128i b = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + 16));
-    const __m128i x0 = _mm_or_si128(_mm_shuffle_epi8(a, _mm_setr_epi8(0, 3, 6, 9, 12, 15, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1)),
+    x0 = _mm_or_si128(_mm_shuffle_epi8(a, _mm_setr_epi8(0, 3, 6, 9, 12, 15, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1)),
                                     _mm_shuffle_epi8(b, _mm_setr_epi8(-1, -1, -1, -1, -1, -1, 2, 5, -1, -1, -1, -1, -1, -1, -1, -1)));
-    const __m128i x1 = _mm_or_si128(_mm_shuffle_epi8(a, _mm_setr_epi8(1, 4, 7, 10, 13, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1)),
+    x1 = _mm_or_si128(_mm_shuffle_epi8(a, _mm_setr_epi8(1, 4, 7, 10, 13, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1)),
                                     _mm_shuffle_epi8(b, _mm_setr_epi8(-1, -1, -1, -1, -1, 0, 3, 6, -1, -1, -1, -1, -1, -1, -1, -1)));
-    const __m128i x2 = _mm_or_si128(_mm_shuffle_epi8(a, _mm_setr_epi8(2, 5, 8, 11, 14, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1)),
+    x2 = _mm_or_si128(_mm_shuffle_epi8(a, _mm_setr_epi8(2, 5, 8, 11, 14, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1)),
                                     _mm_shuffle_epi8(b, _mm_setr_epi8(-1, -1, -1, -1, -1, 1, 4, 7, -1, -1, -1, -1, -1, -1, -1, -1)));
+}
+
+// The same as 8 int32 each.
+inline void load3x8(const unsigned char* p, __m256i& c0, __m256i& c1, __m256i& c2)
+{
+    __m128i x0, x1, x2;
+    load3x8Bytes(p, x0, x1, x2);
     c0 = _mm256_cvtepu8_epi32(x0);
     c1 = _mm256_cvtepu8_epi32(x1);
     c2 = _mm256_cvtepu8_epi32(x2);
@@ -202,21 +210,56 @@ void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 
 void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
+    // t = 20 * (b1 * 0.6 + b2 * 0.25 + b0 * 0.15) = 12 b1 + 5 b2 + 3 b0 is an
+    // integer; unless it is a multiple of 20 the truncated result is t / 20
+    // whatever the rounding. Multiples (one pixel in 20, every pixel of a grey
+    // picture) take the double-precision rule: lane by lane when few, the
+    // whole block when many.
     const __m256d c06 = _mm256_set1_pd(0.6), c025 = _mm256_set1_pd(0.25), c015 = _mm256_set1_pd(0.15);
-    auto half = [&](__m128i b0, __m128i b1, __m128i b2) {
+    auto exact4 = [&](__m128i b0, __m128i b1, __m128i b2) {
         __m256d d = _mm256_mul_pd(_mm256_cvtepi32_pd(b1), c06);
         d = _mm256_add_pd(d, _mm256_mul_pd(_mm256_cvtepi32_pd(b2), c025));
         d = _mm256_add_pd(d, _mm256_mul_pd(_mm256_cvtepi32_pd(b0), c015));
         return _mm256_cvttpd_epi32(d);
     };
-    std::size_t i = 0;
-    for (; i + 8 <= n; i += 8, pSrc += 24, pDst += 8) {
+    auto exact8 = [&](const unsigned char* s, unsigned char* d) {
         __m256i b0, b1, b2;
-        load3x8(pSrc, b0, b1, b2);
-        const __m128i lo = half(_mm256_castsi256_si128(b0), _mm256_castsi256_si128(b1), _mm256_castsi256_si128(b2));
-        const __m128i hi = half(_mm256_extracti128_si256(b0, 1), _mm256_extracti128_si256(b1, 1), _mm256_extracti128_si256(b2, 1));
+        load3x8(s, b0, b1, b2);
+        const __m128i lo = exact4(_mm256_castsi256_si128(b0), _mm256_castsi256_si128(b1), _mm256_castsi256_si128(b2));
+        const __m128i hi = exact4(_mm256_extracti128_si256(b0, 1), _mm256_extracti128_si256(b1, 1), _mm256_extracti128_si256(b2, 1));
         const __m128i w = _mm_packs_epi32(lo, hi);
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(pDst), _mm_packus_epi16(w, w));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(d), _mm_packus_epi16(w, w));
+    };
+    std::size_t i = 0;
+    for (; i + 16 <= n; i += 16, pSrc += 48, pDst += 16) {
+        __m128i a0, a1, a2, c0, c1, c2;
+        load3x8Bytes(pSrc, a0, a1, a2);
+        load3x8Bytes(pSrc + 24, c0, c1, c2);
+        const __m256i b0 = _mm256_cvtepu8_epi16(_mm_unpacklo_epi64(a0, c0));
+        const __m256i b1 = _mm256_cvtepu8_epi16(_mm_unpacklo_epi64(a1, c1));
+        const __m256i b2 = _mm256_cvtepu8_epi16(_mm_unpacklo_epi64(a2, c2));
+        const __m256i t = _mm256_add_epi16(_mm256_add_epi16(_mm256_mullo_epi16(b1, _mm256_set1_epi16(12)),
+                                                            _mm256_mullo_epi16(b2, _mm256_set1_epi16(5))),
+                                           _mm256_mullo_epi16(b0, _mm256_set1_epi16(3)));
+        // t / 20 for t < 16384: (t * 3277) >> 16.
+        const __m256i q = _mm256_mulhi_epu16(t, _mm256_set1_epi16(3277));
+        const __m256i bytes = _mm256_packus_epi16(q, q);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pDst),
+                         _mm256_castsi256_si128(_mm256_permute4x64_epi64(bytes, 0x08)));
+        unsigned mask = static_cast<unsigned>(
+            _mm256_movemask_epi8(_mm256_cmpeq_epi16(_mm256_mullo_epi16(q, _mm256_set1_epi16(20)), t)));
+        if (mask == 0)
+            continue;
+        if (__builtin_popcount(mask) > 8) {
+            exact8(pSrc, pDst);
+            exact8(pSrc + 24, pDst + 8);
+            continue;
+        }
+        for (; mask != 0; mask &= mask - 1) {
+            const int j = __builtin_ctz(mask) / 2;
+            mask &= mask - 1; // the lane's second mask bit
+            pDst[j] = ref::grey3To1(pSrc + 3 * j);
+        }
     }
     scalar::kKernels.grey3To1(pSrc, pDst, n - i);
 }
@@ -247,15 +290,24 @@ void expand3(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, cons
 
 void swapRB(unsigned char* pBuf, std::size_t n)
 {
-    // Five pixels per 16-byte load; the 16th byte (next pixel's blue) is
-    // written back unchanged, so keep one more pixel in the row.
-    const __m128i m = _mm_setr_epi8(2, 1, 0, 5, 4, 3, 8, 7, 6, 11, 10, 9, 14, 13, 12, 15);
+    // 16 pixels in three 16-byte registers; pixels 5 and 10 straddle two of
+    // them, so their outer bytes come from the neighbouring register. All loads
+    // of a block happen before its stores and never overlap earlier stores.
+    const __m128i mA = _mm_setr_epi8(2, 1, 0, 5, 4, 3, 8, 7, 6, 11, 10, 9, 14, 13, 12, -1);
+    const __m128i mAfromB = _mm_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 1);
+    const __m128i mB = _mm_setr_epi8(0, -1, 4, 3, 2, 7, 6, 5, 10, 9, 8, 13, 12, 11, -1, 15);
+    const __m128i mBfromA = _mm_setr_epi8(-1, 15, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m128i mBfromC = _mm_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 0, -1);
+    const __m128i mC = _mm_setr_epi8(-1, 3, 2, 1, 6, 5, 4, 9, 8, 7, 12, 11, 10, 15, 14, 13);
+    const __m128i mCfromB = _mm_setr_epi8(14, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
     std::size_t i = 0;
-    for (; i + 11 <= n; i += 10, pBuf += 30) {
-        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pBuf));
-        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pBuf + 15));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pBuf), _mm_shuffle_epi8(a, m));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pBuf + 15), _mm_shuffle_epi8(b, m));
+    for (; i + 16 <= n; i += 16, pBuf += 48) {
+        __m128i* p = reinterpret_cast<__m128i*>(pBuf);
+        const __m128i a = _mm_loadu_si128(p), b = _mm_loadu_si128(p + 1), c = _mm_loadu_si128(p + 2);
+        _mm_storeu_si128(p, _mm_or_si128(_mm_shuffle_epi8(a, mA), _mm_shuffle_epi8(b, mAfromB)));
+        _mm_storeu_si128(p + 1, _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(b, mB), _mm_shuffle_epi8(a, mBfromA)),
+                                             _mm_shuffle_epi8(c, mBfromC)));
+        _mm_storeu_si128(p + 2, _mm_or_si128(_mm_shuffle_epi8(c, mC), _mm_shuffle_epi8(b, mCfromB)));
     }
     scalar::kKernels.swapRB(pBuf, n - i);
 }

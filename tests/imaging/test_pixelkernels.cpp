@@ -101,6 +101,25 @@ TEST(PixelKernels, WeightedGreyAndDriverGreyMatchReferenceOnAllInputs)
     }
 }
 
+// In a grey picture every pixel is an exact quotient, which sends whole
+// blocks down the double-precision path rather than single lanes.
+TEST(PixelKernels, GreyPicturesMatchReference)
+{
+    std::vector<unsigned char> src(3 * 1024), want(1024), got(1024);
+    for (std::size_t i = 0; i < 1024; ++i)
+        src[3 * i] = src[3 * i + 1] = src[3 * i + 2] = static_cast<unsigned char>(i * 5 / 4);
+    ref::dibToGray(src.data(), want.data(), 1024, 1, 0);
+    for (const PixelKernels* k : kernelSets()) {
+        k->bgrToGray(src.data(), got.data(), 1024);
+        EXPECT_EQ(got, want) << k->pszName;
+    }
+    ref::transferGrey3To1(src.data(), want.data(), 1024, nullptr);
+    for (const PixelKernels* k : kernelSets()) {
+        k->grey3To1(src.data(), got.data(), 1024);
+        EXPECT_EQ(got, want) << k->pszName;
+    }
+}
+
 // Short rows of every length around the vector widths, at odd offsets, with
 // guard bytes behind them that must stay untouched.
 TEST(PixelKernels, RowKernelsHandleEveryLengthAndWriteNothingBeyond)
