@@ -163,6 +163,35 @@ struct Lut {
     }
 };
 
+// For each (g, r): 1 when the weighted grey of the one blue value b that makes
+// 587 g + 299 r + 114 b a multiple of 1000 comes out one below the exact
+// quotient in double precision, else 0. Padded for 4-byte gathers.
+struct GreyFixTable {
+    unsigned char fix[65536 + 3];
+    GreyFixTable() : fix()
+    {
+        for (int g = 0; g < 256; ++g)
+            for (int r = 0; r < 256; ++r) {
+                // 114 b = -(587 g + 299 r) mod 1000 needs an even right side; then
+                // 57 b = c / 2 mod 500, and 193 is 57's inverse mod 500.
+                const int c = (1000 - (587 * g + 299 * r) % 1000) % 1000;
+                if (c % 2 != 0)
+                    continue;
+                const int b = (c / 2 * 193) % 500;
+                if (b > 255)
+                    continue;
+                const int s = 587 * g + 299 * r + 114 * b;
+                fix[g * 256 + r] = static_cast<unsigned char>(s / 1000 - ref::weightedGrey(b, g, r));
+            }
+    }
+};
+
+const GreyFixTable& greyFixTable()
+{
+    static const GreyFixTable s_table;
+    return s_table;
+}
+
 } // namespace
 
 void yuvToBgr(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs)
@@ -199,11 +228,43 @@ void yuvToGray(int nType, const unsigned char* pSrc, unsigned char* pDst, std::s
 
 void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
+    // From bytes, S = 587 g + 299 r + 114 b = 8 P + t with P = 73 g + 37 r +
+    // 14 b and t = 3 g + 3 r + 2 b, so S / 8 = P + t / 8 fits 16 bits and
+    // S / 1000 = (S / 8) / 125, a multiply-high. Where S is a multiple of
+    // 1000, double rounding may give one less: a table keyed by (g, r) says so.
+    const unsigned char* fix = greyFixTable().fix;
     std::size_t i = 0;
-    for (; i + 8 <= n; i += 8, pSrc += 24, pDst += 8) {
-        __m256i b, g, r;
-        load3x8(pSrc, b, g, r);
-        storeBytes8(pDst, weightedGrey8(b, g, r));
+    for (; i + 16 <= n; i += 16, pSrc += 48, pDst += 16) {
+        __m128i a0, a1, a2, c0, c1, c2;
+        load3x8Bytes(pSrc, a0, a1, a2);
+        load3x8Bytes(pSrc + 24, c0, c1, c2);
+        const __m256i b = _mm256_cvtepu8_epi16(_mm_unpacklo_epi64(a0, c0));
+        const __m256i g = _mm256_cvtepu8_epi16(_mm_unpacklo_epi64(a1, c1));
+        const __m256i r = _mm256_cvtepu8_epi16(_mm_unpacklo_epi64(a2, c2));
+        const __m256i p = _mm256_add_epi16(_mm256_add_epi16(_mm256_mullo_epi16(g, _mm256_set1_epi16(73)),
+                                                            _mm256_mullo_epi16(r, _mm256_set1_epi16(37))),
+                                           _mm256_mullo_epi16(b, _mm256_set1_epi16(14)));
+        const __m256i gr = _mm256_add_epi16(g, r);
+        const __m256i t = _mm256_add_epi16(_mm256_add_epi16(_mm256_add_epi16(gr, gr), gr), _mm256_add_epi16(b, b));
+        const __m256i s8 = _mm256_add_epi16(p, _mm256_srli_epi16(t, 3));
+        __m256i q = _mm256_srli_epi16(_mm256_mulhi_epu16(s8, _mm256_set1_epi16(static_cast<short>(33555))), 6);
+        const __m256i exact = _mm256_and_si256(
+            _mm256_cmpeq_epi16(_mm256_and_si256(t, _mm256_set1_epi16(7)), _mm256_setzero_si256()),
+            _mm256_cmpeq_epi16(_mm256_mullo_epi16(q, _mm256_set1_epi16(125)), s8));
+        if (!_mm256_testz_si256(exact, exact)) {
+            const __m256i key = _mm256_or_si256(_mm256_slli_epi16(g, 8), r);
+            const __m256i lo = _mm256_i32gather_epi32(reinterpret_cast<const int*>(fix),
+                                                      _mm256_cvtepu16_epi32(_mm256_castsi256_si128(key)), 1);
+            const __m256i hi = _mm256_i32gather_epi32(reinterpret_cast<const int*>(fix),
+                                                      _mm256_cvtepu16_epi32(_mm256_extracti128_si256(key, 1)), 1);
+            const __m256i ff = _mm256_set1_epi32(0xFF);
+            const __m256i f = _mm256_permute4x64_epi64(
+                _mm256_packus_epi32(_mm256_and_si256(lo, ff), _mm256_and_si256(hi, ff)), 0xD8);
+            q = _mm256_sub_epi16(q, _mm256_and_si256(f, exact));
+        }
+        const __m256i bytes = _mm256_packus_epi16(q, q);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pDst),
+                         _mm256_castsi256_si128(_mm256_permute4x64_epi64(bytes, 0x08)));
     }
     scalar::kKernels.bgrToGray(pSrc, pDst, n - i);
 }
