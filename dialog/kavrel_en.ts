@@ -84,7 +84,7 @@
     </message>
     <message>
         <source>曝光(微秒)</source>
-        <translation>Exposure (µs)</translation>
+        <translation>Exp. (µs)</translation>
     </message>
     <message>
         <source>白平衡</source>

@@ -38,8 +38,8 @@ bool loadTranslation(QTranslator& cTranslator, const QString& strLang)
     return false;
 }
 
-// --screenshots: grabs the viewer, then opens the Main camera's dialog, opens
-// the camera in it, grabs the dialog and closes it with its cancel button.
+// --screenshots: grabs the viewer (viewer.png), then opens the Main camera's dialog, opens
+// the camera in it, grabs the dialog (config-dialog.png) and closes it with its cancel button.
 void scheduleScreenshots(ViewerWindow* pWindow, const QString& strDir)
 {
     QTimer::singleShot(2000, pWindow, [pWindow, strDir]() {
@@ -51,7 +51,9 @@ void scheduleScreenshots(ViewerWindow* pWindow, const QString& strDir)
             if (auto* pOpen = pDialog->findChild<QPushButton*>("btnOpenCCD"))
                 pOpen->click();
             QTimer::singleShot(1500, pDialog, [pDialog, strDir]() {
-                pDialog->grab().save(QDir(strDir).filePath("dialog.png"));
+                if (QWidget* pFocus = pDialog->focusWidget())
+                    pFocus->clearFocus();
+                pDialog->grab().save(QDir(strDir).filePath("config-dialog.png"));
                 if (auto* pCancel = pDialog->findChild<QPushButton*>("btnCancel"))
                     pCancel->click();
                 QTimer::singleShot(0, qApp, &QCoreApplication::quit);
@@ -78,7 +80,8 @@ int main(int argc, char** argv)
                                "Language of the configuration dialog: a translation such as \"en\", or \"zh\" "
                                "for the dialog's own texts. Default: the system locale.",
                                "code");
-    QCommandLineOption optScreenshots("screenshots", "Write viewer.png and dialog.png into <dir>, then quit.", "dir");
+    QCommandLineOption optScreenshots("screenshots", "Write viewer.png and config-dialog.png into <dir>, then quit.",
+                                      "dir");
     parser.addOptions({optMain, optSlaver, optLang, optScreenshots});
     parser.process(app);
 

@@ -5,6 +5,7 @@
 #include <QPainter>
 #include <QPlainTextEdit>
 #include <QPushButton>
+#include <QTextOption>
 #include <QVBoxLayout>
 
 #include "api/interface.h"
@@ -96,6 +97,7 @@ CameraPanel::CameraPanel(Which eWhich, const QByteArray& cConfig, QWidget* paren
     m_pConfig = new QPlainTextEdit(QString::fromLocal8Bit(cConfig), this);
     m_pConfig->setObjectName("edtConfig" + strName);
     m_pConfig->setMaximumHeight(90);
+    m_pConfig->setWordWrapMode(QTextOption::WrapAnywhere);
     m_pConfig->setToolTip("Configuration string; the dialog's result lands here on OK");
 
     auto* pButtons = new QHBoxLayout;
