@@ -67,9 +67,6 @@ void scheduleScreenshots(ViewerWindow* pWindow, const QString& strDir)
 
 int main(int argc, char** argv)
 {
-    QApplication app(argc, argv);
-    QCoreApplication::setApplicationName("kavrel-viewer");
-
     QCommandLineParser parser;
     parser.setApplicationDescription("Shows both cameras live and opens their configuration dialogs.");
     parser.addHelpOption();
@@ -83,6 +80,19 @@ int main(int argc, char** argv)
     QCommandLineOption optScreenshots("screenshots", "Write viewer.png and config-dialog.png into <dir>, then quit.",
                                       "dir");
     parser.addOptions({optMain, optSlaver, optLang, optScreenshots});
+
+    // Help needs no display: answer it with a core application alone.
+    for (int i = 1; i < argc; ++i) {
+        const QByteArray cArg(argv[i]);
+        if (cArg == "-h" || cArg == "--help" || cArg == "--help-all" || cArg == "-?") {
+            QCoreApplication cCore(argc, argv);
+            QCoreApplication::setApplicationName("kavrel-viewer");
+            parser.process(cCore);   // prints the help and exits
+        }
+    }
+
+    QApplication app(argc, argv);
+    QCoreApplication::setApplicationName("kavrel-viewer");
     parser.process(app);
 
     QTranslator cTranslator;
