@@ -1,13 +1,7 @@
-// The dialog entered from the API (showConfigWindowMain / Slaver) and from the
-// viewer program, with a timer acting on the modal dialog.
+// The dialog entered from the API (showConfigWindowMain / Slaver), with a timer
+// acting on the modal dialog.
 
 #include "dialogtest.h"
-
-#include <QPlainTextEdit>
-
-#include <cstring>
-
-#include "viewerwindow.h"
 
 namespace {
 
@@ -61,86 +55,6 @@ TEST_F(Entry, CancelAndCloseOnTheSlaverCamera)
     whenModal([](QDialog* pDlg) { pDlg->close(); });
     EXPECT_STREQ(api->showConfigWindowSlaver(gConfig.data()), gConfig.constData());
     EXPECT_EQ(torvanesim_open_count(), 0);
-}
-
-// The viewer's panels, found by object name as an operator would use them.
-struct Viewer : SimTest {
-    void SetUp() override
-    {
-        SimTest::SetUp();
-        torvanesim_set_sensor(1280, 960, 3);
-        pWindow = std::make_unique<ViewerWindow>(gszViewerDefaultMain, gszViewerDefaultSlaver);
-        pWindow->show();
-        pWindow->startAll();
-    }
-    void TearDown() override
-    {
-        pWindow.reset();
-        SimTest::TearDown();
-    }
-    std::unique_ptr<ViewerWindow> pWindow;
-};
-
-TEST_F(Viewer, ShowsBothCamerasLive)
-{
-    KavrelInterface* api = KavrelInterface::getInstance();
-    EXPECT_TRUE(api->IsStartedMain());
-    EXPECT_TRUE(api->IsStartedSlaver());
-    CameraPanel* pMain = pWindow->panel(CameraPanel::Main);
-    CameraPanel* pSlaver = pWindow->panel(CameraPanel::Slaver);
-    QTRY_VERIFY_WITH_TIMEOUT(pMain->framesShown() > 2 && pSlaver->framesShown() > 2, 3000);
-    EXPECT_EQ(pMain->view()->image().size(), QSize(640, 480));
-    EXPECT_EQ(pMain->view()->image().format(), QImage::Format_BGR888);
-    EXPECT_EQ(pSlaver->view()->image().format(), QImage::Format_Grayscale8);
-    EXPECT_TRUE(pMain->status().contains("running, 640 x 480, colour")) << qPrintable(pMain->status());
-
-    // Stop and start again from the panel's button.
-    click(pWindow.get(), "btnRunSlaver");
-    EXPECT_FALSE(api->IsStartedSlaver());
-    click(pWindow.get(), "btnRunSlaver");
-    EXPECT_TRUE(api->IsStartedSlaver());
-}
-
-TEST_F(Viewer, AdoptsTheDialogsResultBySettingAndReconnecting)
-{
-    KavrelInterface* api = KavrelInterface::getInstance();
-    whenModal([](QDialog* pDlg) {
-        child<QComboBox>(pDlg, "cmbPixelType")->setCurrentIndex(0);
-        type(pDlg, "edtROIWidth", "320");
-        type(pDlg, "edtROIHeight", "240");
-        click(pDlg, "btnOK");
-    });
-    click(pWindow.get(), "btnConfigureMain");
-    CameraPanel* pMain = pWindow->panel(CameraPanel::Main);
-    const QString strResult = pMain->configText();
-    EXPECT_TRUE(strResult.startsWith("<PixFmt>0</PixFmt><ROI>320,240</ROI>")) << qPrintable(strResult);
-    // The library restarted the camera with the old configuration.
-    EXPECT_TRUE(api->IsStartedMain());
-    EXPECT_STREQ(api->getConfigStringMain(), gszViewerDefaultMain);
-
-    click(pWindow.get(), "btnAdoptMain");
-    EXPECT_EQ(QString::fromUtf8(api->getConfigStringMain()), strResult);
-    EXPECT_TRUE(api->IsStartedMain());
-    const int nShown = pMain->framesShown();
-    QTRY_VERIFY_WITH_TIMEOUT(pMain->framesShown() > nShown, 3000);
-    EXPECT_EQ(pMain->view()->image().format(), QImage::Format_Grayscale8);
-}
-
-TEST_F(Viewer, CancelKeepsTheTextAndApplyNeedsARunningCamera)
-{
-    KavrelInterface* api = KavrelInterface::getInstance();
-    CameraPanel* pSlaver = pWindow->panel(CameraPanel::Slaver);
-    whenModal([](QDialog* pDlg) { click(pDlg, "btnCancel"); });
-    click(pWindow.get(), "btnConfigureSlaver");
-    EXPECT_EQ(pSlaver->configText(), QString::fromLatin1(gszViewerDefaultSlaver));
-    EXPECT_TRUE(pSlaver->status().contains("cancelled"));
-
-    click(pWindow.get(), "btnApplySlaver");
-    EXPECT_TRUE(pSlaver->status().contains("applied")) << qPrintable(pSlaver->status());
-    click(pWindow.get(), "btnRunSlaver");
-    ASSERT_FALSE(api->IsStartedSlaver());
-    click(pWindow.get(), "btnApplySlaver");
-    EXPECT_TRUE(pSlaver->status().contains("not applied")) << qPrintable(pSlaver->status());
 }
 
 } // namespace
