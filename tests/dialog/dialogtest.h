@@ -10,6 +10,7 @@
 #include <QColor>
 #include <QComboBox>
 #include <QDialog>
+#include <QElapsedTimer>
 #include <QImage>
 #include <QLabel>
 #include <QLineEdit>
@@ -91,6 +92,20 @@ inline std::vector<int> sliders(QWidget* pDlg)
 {
     return {child<QSlider>(pDlg, "sldWBR")->value(), child<QSlider>(pDlg, "sldWBG")->value(),
             child<QSlider>(pDlg, "sldWBB")->value()};
+}
+
+// Runs the event loop until fnDone answers true or nTimeoutMs pass; answers
+// whether it did. Generous time-outs keep slow (sanitizer, emulated) runs green.
+inline bool waitFor(std::function<bool()> fnDone, int nTimeoutMs = 5000)
+{
+    QElapsedTimer cClock;
+    cClock.start();
+    while (!fnDone()) {
+        if (cClock.elapsed() > nTimeoutMs)
+            return false;
+        QTest::qWait(10);
+    }
+    return true;
 }
 
 // A frame of one colour, bytes in the camera's order.

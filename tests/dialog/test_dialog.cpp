@@ -297,18 +297,17 @@ TEST_F(Dialog, PreviewShowsTheCameraLiveAndHonoursTheScaling)
     EXPECT_EQ(previewPicture(&dlg).pixelColor(5, 5), cWhite);
 
     click(&dlg, "btnOpenCCD");
-    for (int i = 0; i < 40; ++i)
+    for (int i = 0; i < 100; ++i)
         torvanesim_queue_frame(64, 48, 3, frame.data());
-    QTest::qWait(500);
-    QImage cPicture = previewPicture(&dlg);
+    // The 200 ms poll brings the frames in without anything else happening.
     const QColor cFrame(30, 20, 10);
-    EXPECT_EQ(cPicture.pixelColor(1, 1), cFrame);
+    EXPECT_TRUE(waitFor([&] { return previewPicture(&dlg).pixelColor(1, 1) == cFrame; }));
+    QImage cPicture = previewPicture(&dlg);
     EXPECT_EQ(cPicture.pixelColor(cPicture.width() - 2, cPicture.height() - 2), cFrame);
 
-    // "原始" takes effect with the next repaint: 1:1 at the top-left corner.
+    // "原始": the frame at its own size in the top-left corner, white around it.
     QTest::mouseClick(child<QRadioButton>(&dlg, "rbInit"), Qt::LeftButton);
     EXPECT_TRUE(child<QRadioButton>(&dlg, "rbInit")->isChecked());
-    QTest::qWait(500);
     cPicture = previewPicture(&dlg);
     EXPECT_EQ(cPicture.pixelColor(63, 47), cFrame);
     EXPECT_EQ(cPicture.pixelColor(64, 47), cWhite);

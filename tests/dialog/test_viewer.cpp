@@ -34,7 +34,7 @@ TEST_F(Viewer, ShowsBothCamerasLive)
     EXPECT_TRUE(api->IsStartedSlaver());
     CameraPanel* pMain = pWindow->panel(CameraPanel::Main);
     CameraPanel* pSlaver = pWindow->panel(CameraPanel::Slaver);
-    QTRY_VERIFY_WITH_TIMEOUT(pMain->framesShown() > 2 && pSlaver->framesShown() > 2, 3000);
+    EXPECT_TRUE(waitFor([&] { return pMain->framesShown() > 2 && pSlaver->framesShown() > 2; }));
     EXPECT_EQ(pMain->view()->image().size(), QSize(640, 480));
     EXPECT_EQ(pMain->view()->image().format(), QImage::Format_BGR888);
     EXPECT_EQ(pSlaver->view()->image().format(), QImage::Format_Grayscale8);
@@ -68,7 +68,7 @@ TEST_F(Viewer, AdoptsTheDialogsResultBySettingAndReconnecting)
     EXPECT_EQ(QString::fromUtf8(api->getConfigStringMain()), strResult);
     EXPECT_TRUE(api->IsStartedMain());
     const int nShown = pMain->framesShown();
-    QTRY_VERIFY_WITH_TIMEOUT(pMain->framesShown() > nShown, 3000);
+    EXPECT_TRUE(waitFor([&] { return pMain->framesShown() > nShown; }));
     EXPECT_EQ(pMain->view()->image().format(), QImage::Format_Grayscale8);
 }
 
