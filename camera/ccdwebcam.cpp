@@ -191,6 +191,9 @@ bool CCDWebCam::waitNewImage(int nTimeout)
     if (w < 0 || h < 0)
         return false;
     const std::int64_t nSrcLine = static_cast<std::int64_t>(w) * c;
+    // The frame's own byte count must fit as well: its data is read in full.
+    if (nSrcLine > INT_MAX || nSrcLine * h > INT_MAX)
+        return false;
     const std::int64_t nDstLine64 = m_ePixelFormat == PixFmtGray8 ? w : 3 * static_cast<std::int64_t>(w);
     const std::int64_t nDstSize64 = nDstLine64 * h;
     if (nDstLine64 > INT_MAX || nDstSize64 > INT_MAX)
