@@ -54,6 +54,8 @@ CCDWebCam::CCDWebCam()
     , m_ePixelFormat(PixFmtGray8)
     , m_bConnected(false)
     , m_bStarted(false)
+    , m_nFetchTicket(0)
+    , m_nImageTicket(0)
 {
 }
 
@@ -182,6 +184,7 @@ bool CCDWebCam::waitNewImage(int nTimeout)
     int w = 0;
     int h = 0;
     int c = 0;
+    const int nTicket = m_nFetchTicket.fetchAndAddRelaxed(1) + 1;
     const unsigned char* pFrame = get_frame_timeout(&w, &h, &c, kCamera, nWait);
     if (!pFrame)
         return false;
@@ -210,6 +213,12 @@ bool CCDWebCam::waitNewImage(int nTimeout)
     }
 
     QMutexLocker cLocker(&m_cImageMutex);
+    // A fetch that began after ours has made its newer frame current already:
+    // that one stands, and it is as fresh as the caller asked for. Tickets are
+    // compared by difference, so that they may wrap around.
+    if (static_cast<int>(static_cast<unsigned>(nTicket) - static_cast<unsigned>(m_nImageTicket)) < 0)
+        return true;
+    m_nImageTicket = nTicket;
     if (w != m_nWidth || h != m_nHeight || nDstLine != m_nBytesPerLine || !m_pImageBuf) {
         // Zero-filled, so that frames we cannot transfer stay black.
         unsigned char* pNew = new (std::nothrow) unsigned char[static_cast<std::size_t>(nDstSize64)]();
