@@ -1,0 +1,14 @@
+#include <QApplication>
+#include <QTextCodec>
+
+#include <gtest/gtest.h>
+
+int main(int argc, char** argv)
+{
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    QApplication app(argc, argv);
+    // Texts from the host are decoded as local 8-bit: make that a known codec.
+    QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
