@@ -73,6 +73,7 @@ TEST(GeneratedLayout, KeepsAGivenObjectNameAndRetranslatesWithoutDuplicatingItem
     EXPECT_EQ(ui.cmbTriggerMode->count(), 3);
     EXPECT_EQ(ui.cmbPixelType->count(), 2);
     EXPECT_EQ(ui.cmbTriggerMode->itemText(2), u8"硬触发");
+    EXPECT_EQ(ui.cmbTriggerMode->currentIndex(), 0); // the lists were cleared and refilled
 
     QDialog unnamed;
     Ui_WebCamConfigDlg ui2;
