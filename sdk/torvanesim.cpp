@@ -231,6 +231,7 @@ struct State {
 
     int nextInitResult = 0;
     bool failMaxWindow = false, failSetWindow = false, starve = false, logFrames = true;
+    bool reuseFrames = false;
     std::deque<QueuedFrame> queue;
     int pendingTriggers = 0;
 
@@ -294,6 +295,7 @@ struct State {
         nextInitResult = 0;
         failMaxWindow = failSetWindow = starve = false;
         logFrames = true;
+        reuseFrames = false;
         queue.clear();
         pendingTriggers = 0;
         initCalls = openCount = triggerCalls = 0;
@@ -329,6 +331,18 @@ State &state()
 // Frame buffer of the calling thread (see the lifetime note at the top).
 thread_local std::vector<unsigned char> tFrame;
 
+// What tFrame holds when it is a generated frame that may be reused: its
+// geometry, exposure and gain. Cleared whenever tFrame takes a queued frame.
+struct FrameKey {
+    bool valid;
+    int width, height, bpp, exposure, gain;
+    bool matches(int w, int h, int b, int e, int g) const
+    {
+        return valid && width == w && height == h && bpp == b && exposure == e && gain == g;
+    }
+};
+thread_local FrameKey tFrameKey{};
+
 template <typename F>
 int guarded(F &&f) noexcept
 {
@@ -352,6 +366,7 @@ void guardedVoid(F &&f) noexcept
 struct FrameJob {
     unsigned int number;
     int width, height, bpp, exposure, gain;
+    bool reuse;
 };
 
 } // namespace
@@ -559,6 +574,7 @@ unsigned char *get_frame_timeout(int *width, int *height, int *bytesPerPixel, in
                 *bytesPerPixel = f.bpp;
                 if (f.dummy)
                     return gDummyFrame;
+                tFrameKey.valid = false;
                 tFrame.swap(f.data);
                 return tFrame.data();
             } else if (s.mode == 1) {
@@ -600,6 +616,7 @@ unsigned char *get_frame_timeout(int *width, int *height, int *bytesPerPixel, in
         job.bpp = s.bpp;
         job.exposure = s.exposure;
         job.gain = s.gain;
+        job.reuse = s.reuseFrames;
         ++s.delivered;
         lock.unlock();
 
@@ -609,8 +626,14 @@ unsigned char *get_frame_timeout(int *width, int *height, int *bytesPerPixel, in
         const long long bytes = frameBytes(job.width, job.height, job.bpp);
         if (bytes < 0)
             return gDummyFrame;
+        if (job.reuse && tFrameKey.matches(job.width, job.height, job.bpp, job.exposure, job.gain)) {
+            writeCode(job.number, tFrame.data(), job.width, job.height, job.bpp);
+            return tFrame.data();
+        }
+        tFrameKey.valid = false;
         tFrame.resize(static_cast<size_t>(bytes));
         render(job.number, job.width, job.height, job.bpp, job.exposure, job.gain, tFrame.data());
+        tFrameKey = FrameKey{true, job.width, job.height, job.bpp, job.exposure, job.gain};
         return tFrame.data();
     } catch (...) {
         return nullptr;
@@ -826,6 +849,15 @@ void torvanesim_log_frames(int enable)
         State &s = state();
         std::lock_guard<std::mutex> lock(s.m);
         s.logFrames = enable != 0;
+    });
+}
+
+void torvanesim_reuse_frames(int enable)
+{
+    guardedVoid([&] {
+        State &s = state();
+        std::lock_guard<std::mutex> lock(s.m);
+        s.reuseFrames = enable != 0;
     });
 }
 

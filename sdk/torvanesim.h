@@ -91,6 +91,15 @@ void torvanesim_log_clear(void);
 /* Logging of get_frame_timeout calls can be switched off for long runs. */
 void torvanesim_log_frames(int enable);
 
+/* Non-zero: a thread whose last frame was generated with the same window,
+ * bytes per pixel, exposure and gain gets that frame again, not redrawn: only
+ * the frame number code (first 8 pixels) is rewritten in its buffer, so the
+ * picture and the drawn digits keep showing the first such frame. Numbers,
+ * pacing, queued frames and the per-thread buffer lifetime are unchanged.
+ * Meant for benchmarks that time the consumer rather than the drawing. Off
+ * after torvanesim_reset. */
+void torvanesim_reuse_frames(int enable);
+
 #ifdef __cplusplus
 }
 #endif

@@ -126,6 +126,49 @@ TEST_F(Sdk, DeliveredFrameEqualsRenderedOneAndMoves)
     EXPECT_NE(std::memcmp(g.data + 200 * 320 * 3, first.data() + 200 * 320 * 3, 320 * 3), 0);
 }
 
+TEST_F(Sdk, ReusedFramesOnlyGetANewNumberUntilTheSettingsChange)
+{
+    torvanesim_set_frame_rate(0);
+    ASSERT_EQ(set_camera_window_size(160, 120, 0), 0);
+    torvanesim_reuse_frames(1);
+    const size_t nBytes = 160 * 120 * 3, nCode = 8 * 3;
+    std::vector<unsigned char> first, want(nBytes);
+    {
+        const Frame f = grab(100);
+        ASSERT_EQ(f.bytes(), nBytes);
+        first.assign(f.data, f.data + nBytes);
+        torvanesim_render_frame(1, 160, 120, 3, want.data());
+        EXPECT_EQ(first, want);
+    }
+    const Frame g = grab(100);
+    ASSERT_EQ(g.bytes(), nBytes);
+    EXPECT_EQ(g.number(), 2u);
+    EXPECT_EQ(std::memcmp(g.data + nCode, first.data() + nCode, nBytes - nCode), 0);
+
+    // A queued frame takes the thread's buffer; the next generated one is drawn afresh.
+    std::vector<unsigned char> queued(nBytes, 7);
+    torvanesim_queue_frame(160, 120, 3, queued.data());
+    EXPECT_EQ(std::memcmp(grab(100).data, queued.data(), nBytes), 0);
+    const Frame h = grab(100);
+    torvanesim_render_frame(3, 160, 120, 3, want.data());
+    EXPECT_EQ(std::memcmp(h.data, want.data(), nBytes), 0);
+
+    // Other exposure: redrawn.
+    ASSERT_EQ(set_camera_exposure(10000, 0), 0);
+    const Frame k = grab(100);
+    torvanesim_render_frame(4, 160, 120, 3, want.data());
+    EXPECT_EQ(std::memcmp(k.data, want.data(), nBytes), 0);
+
+    // Reset switches reuse off: every frame drawn again.
+    torvanesim_reset();
+    torvanesim_set_frame_rate(0);
+    ASSERT_EQ(set_camera_window_size(160, 120, 0), 0);
+    grab(100);
+    const Frame m = grab(100);
+    torvanesim_render_frame(2, 160, 120, 3, want.data());
+    EXPECT_EQ(std::memcmp(m.data, want.data(), nBytes), 0);
+}
+
 TEST_F(Sdk, BrightnessFollowsExposureAndGain)
 {
     auto sum = [](int exposure, int gain) {
