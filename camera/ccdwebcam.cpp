@@ -167,6 +167,9 @@ int CCDWebCam::getCCDNum()
 
 void CCDWebCam::getImageInfo(int* pnWidth, int* pnHeight, int* pnBytesPerLine)
 {
+    // Taken briefly so that a frame of another size arriving on another thread
+    // is read either whole or not at all; copyImage checks the geometry again.
+    QMutexLocker cLocker(&m_cImageMutex);
     if (pnWidth)
         *pnWidth = m_nWidth;
     if (pnHeight)
