@@ -20,7 +20,12 @@ std::atomic<long long> gBytes{0};
 
 #ifdef KAVREL_SANITIZER_HEAP
 
-#include <sanitizer/allocator_interface.h>
+// From the sanitizers' allocator interface (GCC installs no header for it).
+extern "C" {
+int __sanitizer_install_malloc_and_free_hooks(void (*malloc_hook)(const volatile void*, std::size_t),
+                                              void (*free_hook)(const volatile void*));
+std::size_t __sanitizer_get_current_allocated_bytes();
+}
 
 namespace {
 
