@@ -114,11 +114,11 @@ log "updating armhf package lists ($suite)"
 # A mirror caught mid-sync fails one index now and then: retry, and in the end
 # go on with the lists that did arrive (a missing main list makes the install
 # step below fail with a clear message).
-for try in 1 2 3; do
+for try in 1 2; do
   if apt-get "${apt_opts[@]}" -q update >&2; then break; fi
-  if [ "$try" = 3 ]; then log "some armhf indexes failed to download; going on without them"; break; fi
-  log "apt-get update failed (try $try); retrying"
-  sleep $((try * 10))
+  if [ "$try" = 2 ]; then log "some armhf indexes failed to download; going on without them"; break; fi
+  log "apt-get update failed; retrying once"
+  sleep 5
 done
 
 log "resolving and downloading ${packages[*]} with dependencies"
