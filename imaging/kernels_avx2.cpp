@@ -7,9 +7,10 @@
 // away, the rounding error is below 1e-4). The weighted grey is the exact
 // quotient S / 1000, S = 587 g + 299 r + 114 b, except when S is a multiple of
 // 1000, where rounding in double precision may land just below the integer:
-// those vectors are recomputed in double precision with the very same
-// operations. The driver's grey works the same way on its own integer (see
-// grey3To1).
+// grey pixels (equal channels, always such a case) take the answer from a
+// 256-bit set built with the reference rule, other such vectors are recomputed
+// in double precision with the very same operations. The driver's grey works
+// the same way on its own integer (see grey3To1).
 
 #include "imaging/kernels_x86.h"
 
@@ -22,6 +23,32 @@ namespace kavrel {
 namespace avx2 {
 
 namespace {
+
+// Grey pixels (all channels v) always hit the exact-quotient case, and the
+// answer then depends on v alone: bit v of these sets says that the
+// double-precision rule gives v - 1 rather than v. Built with the very same
+// expressions as the reference.
+struct EqualChannelFix {
+    alignas(32) unsigned char weighted[32];
+    alignas(32) unsigned char grey3[32];
+    EqualChannelFix() : weighted(), grey3()
+    {
+        for (int v = 0; v < 256; ++v) {
+            const unsigned char p[3] = {static_cast<unsigned char>(v), static_cast<unsigned char>(v),
+                                        static_cast<unsigned char>(v)};
+            if (ref::weightedGrey(v, v, v) != v)
+                weighted[v >> 3] |= static_cast<unsigned char>(1 << (v & 7));
+            if (ref::grey3To1(p) != v)
+                grey3[v >> 3] |= static_cast<unsigned char>(1 << (v & 7));
+        }
+    }
+};
+
+const EqualChannelFix& equalChannelFix()
+{
+    static const EqualChannelFix s_fix;
+    return s_fix;
+}
 
 // Masks that gather Y (pixel order) and U, V (repeated for both pixels of a
 // pair) from four YUV groups.
@@ -89,8 +116,19 @@ inline __m256i weightedGrey8(__m256i b, __m256i g, __m256i r)
     const __m256 exact = _mm256_cmp_ps(_mm256_mul_ps(_mm256_cvtepi32_ps(q), _mm256_set1_ps(1000.0f)), s, _CMP_EQ_OQ);
     const __m256i inRange = _mm256_and_si256(_mm256_cmpgt_epi32(q, _mm256_setzero_si256()),
                                              _mm256_cmpgt_epi32(_mm256_set1_epi32(256), q));
-    if (_mm256_testz_si256(_mm256_castps_si256(exact), inRange))
+    const __m256i cand = _mm256_and_si256(_mm256_castps_si256(exact), inRange);
+    if (_mm256_testz_si256(cand, cand))
         return q;
+    // Equal channels (U = V = 128 makes them so): q is their value and the
+    // answer comes from the bit set; anything else takes the double rule.
+    const __m256i equal = _mm256_and_si256(_mm256_cmpeq_epi32(b, g), _mm256_cmpeq_epi32(g, r));
+    if (_mm256_testc_si256(equal, cand)) {
+        const __m256i set = _mm256_load_si256(reinterpret_cast<const __m256i*>(equalChannelFix().weighted));
+        const __m256i word = _mm256_permutevar8x32_epi32(set, _mm256_srli_epi32(q, 5));
+        const __m256i bit = _mm256_and_si256(_mm256_srlv_epi32(word, _mm256_and_si256(q, _mm256_set1_epi32(31))),
+                                             _mm256_set1_epi32(1));
+        return _mm256_sub_epi32(q, _mm256_and_si256(bit, cand));
+    }
     const __m256d c587 = _mm256_set1_pd(0.587), c299 = _mm256_set1_pd(0.299), c114 = _mm256_set1_pd(0.114);
     auto half = [&](__m128i b4, __m128i g4, __m128i r4) {
         const __m256d d = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(_mm256_cvtepi32_pd(g4), c587),
@@ -163,6 +201,37 @@ struct Lut {
     }
 };
 
+// Bit v of a 256-bit set for 16 byte lanes v, as 1 or 0: the byte v >> 3 and
+// the mask 1 << (v & 7) both come from byte shuffles.
+struct ByteBitSet {
+    __m128i lo, hi;
+    explicit ByteBitSet(const unsigned char* bits)
+        : lo(_mm_load_si128(reinterpret_cast<const __m128i*>(bits))),
+          hi(_mm_load_si128(reinterpret_cast<const __m128i*>(bits + 16)))
+    {
+    }
+    __m128i operator()(__m128i v) const
+    {
+        const __m128i idx = _mm_and_si128(_mm_srli_epi16(v, 3), _mm_set1_epi8(0x1F));
+        // Bit 4 of the index moves to bit 7 of its byte to pick the upper half.
+        const __m128i byte = _mm_blendv_epi8(_mm_shuffle_epi8(lo, idx), _mm_shuffle_epi8(hi, idx), _mm_slli_epi16(idx, 3));
+        const __m128i bit = _mm_shuffle_epi8(_mm_setr_epi8(1, 2, 4, 8, 16, 32, 64, -128, 1, 2, 4, 8, 16, 32, 64, -128),
+                                             _mm_and_si128(v, _mm_set1_epi8(7)));
+        return _mm_min_epu8(_mm_and_si128(byte, bit), _mm_set1_epi8(1));
+    }
+};
+
+// 16 x 16-bit lanes as 16 bytes: masks (signed saturation keeps -1) and
+// values 0 .. 255 (unsigned saturation).
+inline __m128i packMask16(__m256i m)
+{
+    return _mm256_castsi256_si128(_mm256_permute4x64_epi64(_mm256_packs_epi16(m, m), 0x08));
+}
+inline __m128i packBytes16(__m256i v)
+{
+    return _mm256_castsi256_si128(_mm256_permute4x64_epi64(_mm256_packus_epi16(v, v), 0x08));
+}
+
 // For each (g, r): 1 when the weighted grey of the one blue value b that makes
 // 587 g + 299 r + 114 b a multiple of 1000 comes out one below the exact
 // quotient in double precision, else 0. Padded for 4-byte gathers.
@@ -232,15 +301,18 @@ void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
     // 14 b and t = 3 g + 3 r + 2 b, so S / 8 = P + t / 8 fits 16 bits and
     // S / 1000 = (S / 8) / 125, a multiply-high. Where S is a multiple of
     // 1000, double rounding may give one less: a table keyed by (g, r) says so.
+    // Grey pixels (equal channels) take their answer from a bit set instead.
     const unsigned char* fix = greyFixTable().fix;
+    const ByteBitSet equalFix(equalChannelFix().weighted);
     std::size_t i = 0;
     for (; i + 16 <= n; i += 16, pSrc += 48, pDst += 16) {
         __m128i a0, a1, a2, c0, c1, c2;
         load3x8Bytes(pSrc, a0, a1, a2);
         load3x8Bytes(pSrc + 24, c0, c1, c2);
-        const __m256i b = _mm256_cvtepu8_epi16(_mm_unpacklo_epi64(a0, c0));
-        const __m256i g = _mm256_cvtepu8_epi16(_mm_unpacklo_epi64(a1, c1));
-        const __m256i r = _mm256_cvtepu8_epi16(_mm_unpacklo_epi64(a2, c2));
+        const __m128i xb = _mm_unpacklo_epi64(a0, c0), xg = _mm_unpacklo_epi64(a1, c1), xr = _mm_unpacklo_epi64(a2, c2);
+        const __m256i b = _mm256_cvtepu8_epi16(xb);
+        const __m256i g = _mm256_cvtepu8_epi16(xg);
+        const __m256i r = _mm256_cvtepu8_epi16(xr);
         const __m256i p = _mm256_add_epi16(_mm256_add_epi16(_mm256_mullo_epi16(g, _mm256_set1_epi16(73)),
                                                             _mm256_mullo_epi16(r, _mm256_set1_epi16(37))),
                                            _mm256_mullo_epi16(b, _mm256_set1_epi16(14)));
@@ -252,6 +324,14 @@ void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
             _mm256_cmpeq_epi16(_mm256_and_si256(t, _mm256_set1_epi16(7)), _mm256_setzero_si256()),
             _mm256_cmpeq_epi16(_mm256_mullo_epi16(q, _mm256_set1_epi16(125)), s8));
         if (!_mm256_testz_si256(exact, exact)) {
+            const __m128i exact8 = packMask16(exact);
+            const __m128i equal8 = _mm_and_si128(_mm_cmpeq_epi8(xb, xg), _mm_cmpeq_epi8(xg, xr));
+            if (_mm_testc_si128(equal8, exact8)) {
+                const __m128i bytes = packBytes16(q);
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(pDst),
+                                 _mm_sub_epi8(bytes, _mm_and_si128(equalFix(xg), exact8)));
+                continue;
+            }
             const __m256i key = _mm256_or_si256(_mm256_slli_epi16(g, 8), r);
             const __m256i lo = _mm256_i32gather_epi32(reinterpret_cast<const int*>(fix),
                                                       _mm256_cvtepu16_epi32(_mm256_castsi256_si128(key)), 1);
@@ -283,7 +363,7 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
         d = _mm256_add_pd(d, _mm256_mul_pd(_mm256_cvtepi32_pd(b0), c015));
         return _mm256_cvttpd_epi32(d);
     };
-    auto exact8 = [&](const unsigned char* s, unsigned char* d) {
+    auto rule8 = [&](const unsigned char* s, unsigned char* d) {
         __m256i b0, b1, b2;
         load3x8(s, b0, b1, b2);
         const __m128i lo = exact4(_mm256_castsi256_si128(b0), _mm256_castsi256_si128(b1), _mm256_castsi256_si128(b2));
@@ -291,34 +371,43 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
         const __m128i w = _mm_packs_epi32(lo, hi);
         _mm_storel_epi64(reinterpret_cast<__m128i*>(d), _mm_packus_epi16(w, w));
     };
+    const ByteBitSet equalFix(equalChannelFix().grey3);
     std::size_t i = 0;
     for (; i + 16 <= n; i += 16, pSrc += 48, pDst += 16) {
         __m128i a0, a1, a2, c0, c1, c2;
         load3x8Bytes(pSrc, a0, a1, a2);
         load3x8Bytes(pSrc + 24, c0, c1, c2);
-        const __m256i b0 = _mm256_cvtepu8_epi16(_mm_unpacklo_epi64(a0, c0));
-        const __m256i b1 = _mm256_cvtepu8_epi16(_mm_unpacklo_epi64(a1, c1));
-        const __m256i b2 = _mm256_cvtepu8_epi16(_mm_unpacklo_epi64(a2, c2));
+        const __m128i x0 = _mm_unpacklo_epi64(a0, c0), x1 = _mm_unpacklo_epi64(a1, c1), x2 = _mm_unpacklo_epi64(a2, c2);
+        const __m256i b0 = _mm256_cvtepu8_epi16(x0);
+        const __m256i b1 = _mm256_cvtepu8_epi16(x1);
+        const __m256i b2 = _mm256_cvtepu8_epi16(x2);
         const __m256i t = _mm256_add_epi16(_mm256_add_epi16(_mm256_mullo_epi16(b1, _mm256_set1_epi16(12)),
                                                             _mm256_mullo_epi16(b2, _mm256_set1_epi16(5))),
                                            _mm256_mullo_epi16(b0, _mm256_set1_epi16(3)));
         // t / 20 for t < 16384: (t * 3277) >> 16.
         const __m256i q = _mm256_mulhi_epu16(t, _mm256_set1_epi16(3277));
-        const __m256i bytes = _mm256_packus_epi16(q, q);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pDst),
-                         _mm256_castsi256_si128(_mm256_permute4x64_epi64(bytes, 0x08)));
-        unsigned mask = static_cast<unsigned>(
-            _mm256_movemask_epi8(_mm256_cmpeq_epi16(_mm256_mullo_epi16(q, _mm256_set1_epi16(20)), t)));
+        __m128i bytes = packBytes16(q);
+        const __m256i exact = _mm256_cmpeq_epi16(_mm256_mullo_epi16(q, _mm256_set1_epi16(20)), t);
+        if (_mm256_testz_si256(exact, exact)) {
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(pDst), bytes);
+            continue;
+        }
+        // Equal channels: the answer from the bit set; the other exact lanes
+        // by the double rule.
+        const __m128i exact8 = packMask16(exact);
+        const __m128i equal8 = _mm_and_si128(_mm_cmpeq_epi8(x0, x1), _mm_cmpeq_epi8(x1, x2));
+        bytes = _mm_sub_epi8(bytes, _mm_and_si128(equalFix(x1), _mm_and_si128(exact8, equal8)));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pDst), bytes);
+        unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(_mm_andnot_si128(equal8, exact8)));
         if (mask == 0)
             continue;
-        if (__builtin_popcount(mask) > 8) {
-            exact8(pSrc, pDst);
-            exact8(pSrc + 24, pDst + 8);
+        if (__builtin_popcount(mask) > 4) {
+            rule8(pSrc, pDst);
+            rule8(pSrc + 24, pDst + 8);
             continue;
         }
         for (; mask != 0; mask &= mask - 1) {
-            const int j = __builtin_ctz(mask) / 2;
-            mask &= mask - 1; // the lane's second mask bit
+            const int j = __builtin_ctz(mask);
             pDst[j] = ref::grey3To1(pSrc + 3 * j);
         }
     }

@@ -120,6 +120,51 @@ TEST(PixelKernels, GreyPicturesMatchReference)
     }
 }
 
+// Grey pixels beside other exact quotients in the same vector: the grey lanes
+// take the bit-set answer, the others the double rule, per lane or per vector
+// depending on how many there are.
+TEST(PixelKernels, GreyLanesMixedWithOtherExactQuotients)
+{
+    std::mt19937 rng(11);
+    const std::size_t n = 16 * 4096;
+    std::vector<unsigned char> srcW(3 * n), srcD(3 * n), want(n), got(n);
+    for (std::size_t v = 0; v < n / 16; ++v) {
+        const unsigned nGrey = rng() % 17, nExact = rng() % 17;
+        for (std::size_t j = 0; j < 16; ++j) {
+            unsigned char* w = &srcW[3 * (16 * v + j)];
+            unsigned char* d = &srcD[3 * (16 * v + j)];
+            const unsigned kind = rng() % 16;
+            const int x = static_cast<int>(rng() % 256), y = static_cast<int>(rng() % 256);
+            if (kind < nGrey) {
+                w[0] = w[1] = w[2] = d[0] = d[1] = d[2] = static_cast<unsigned char>(x);
+                continue;
+            }
+            w[1] = static_cast<unsigned char>(x); // g
+            w[2] = static_cast<unsigned char>(y); // r
+            w[0] = static_cast<unsigned char>(rng());
+            d[1] = static_cast<unsigned char>(x);
+            d[2] = static_cast<unsigned char>(y);
+            d[0] = static_cast<unsigned char>(rng());
+            if (kind < nGrey + nExact) {
+                // 114 b = -(587 g + 299 r) mod 1000, when solvable in 0 .. 255.
+                const int c = (1000 - (587 * x + 299 * y) % 1000) % 1000;
+                if (c % 2 == 0 && (c / 2 * 193) % 500 < 256)
+                    w[0] = static_cast<unsigned char>((c / 2 * 193) % 500);
+                // 3 b0 = -(12 b1 + 5 b2) mod 20; 7 is 3's inverse mod 20.
+                d[0] = static_cast<unsigned char>((20 - (12 * x + 5 * y) % 20) % 20 * 7 % 20 + 20 * (rng() % 12));
+            }
+        }
+    }
+    for (const PixelKernels* k : kernelSets()) {
+        ref::dibToGray(srcW.data(), want.data(), static_cast<int>(n), 1, 0);
+        k->bgrToGray(srcW.data(), got.data(), n);
+        EXPECT_EQ(got, want) << k->pszName << " pixel " << firstDiff(got, want);
+        ref::transferGrey3To1(srcD.data(), want.data(), n, nullptr);
+        k->grey3To1(srcD.data(), got.data(), n);
+        EXPECT_EQ(got, want) << k->pszName << " pixel " << firstDiff(got, want);
+    }
+}
+
 // Short rows of every length around the vector widths, at odd offsets, with
 // guard bytes behind them that must stay untouched.
 TEST(PixelKernels, RowKernelsHandleEveryLengthAndWriteNothingBeyond)
