@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs the whole test suite: a release build, then the same tests
 # under AddressSanitizer + UndefinedBehaviorSanitizer, then under
-# ThreadSanitizer, then a short run of every fuzz target over its corpus.
+# ThreadSanitizer, then a short run of every fuzz target over its corpus, then
+# the armhf cross builds (baseline and NEON) with every test under qemu-arm.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 jobs=$(nproc)
@@ -36,3 +37,6 @@ unset TSAN_OPTIONS
 
 stage "Fuzz targets: a fixed number of runs each over the seed corpus"
 "$root/scripts/fuzz.sh" --smoke
+
+stage "armhf cross build: baseline and NEON, every test under qemu-arm"
+"$root/scripts/cross-armhf.sh" --both
