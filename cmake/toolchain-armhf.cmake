@@ -69,6 +69,15 @@ else()
 endif()
 set(CMAKE_C_FLAGS_INIT "${_kavrel_arch_flags}")
 set(CMAKE_CXX_FLAGS_INIT "${_kavrel_arch_flags}")
+# The _INIT flags only seed a new build tree: a changed KAVREL_ARMHF_NEON in
+# an existing one would silently keep the old FPU.
+if(DEFINED CACHE{CMAKE_CXX_FLAGS})
+  string(REGEX MATCH "-mfpu=[^ ]+" _kavrel_want_fpu "${_kavrel_arch_flags}")
+  if(NOT CMAKE_CXX_FLAGS MATCHES "${_kavrel_want_fpu}( |$)")
+    message(FATAL_ERROR "This build tree was configured with other FPU flags (${CMAKE_CXX_FLAGS}); "
+                        "use a new build directory for KAVREL_ARMHF_NEON=${KAVREL_ARMHF_NEON}")
+  endif()
+endif()
 
 # GNUInstallDirs picks Debian's multiarch libdir only for native builds; the
 # packages need the same layout as Debian's own armhf libraries.
