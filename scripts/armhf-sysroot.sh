@@ -22,7 +22,8 @@ set -euo pipefail
 suite=${KAVREL_DEBIAN_SUITE:-bookworm}
 mirror=${KAVREL_DEBIAN_MIRROR:-http://deb.debian.org/debian}
 security=${KAVREL_DEBIAN_SECURITY:-http://deb.debian.org/debian-security}
-cache=${KAVREL_CACHE_DIR:-${XDG_CACHE_HOME:-$HOME/.cache}/kavrel}
+home=${HOME:-$(getent passwd "$(id -u)" | cut -d: -f6)}
+cache=${KAVREL_CACHE_DIR:-${XDG_CACHE_HOME:-$home/.cache}/kavrel}
 keyring=/usr/share/keyrings/debian-archive-keyring.gpg
 layout=4   # bump when the way the tree is put together changes
 
