@@ -1,9 +1,9 @@
 // AVX2 kernels (this file is compiled with -mavx2 and only called when the
 // processor has it).
 //
-// Exactness: the YUV arithmetic runs in single precision on integers below
-// 2^24, so every product and sum is exact, and trunc(x * 0.001f) equals
-// trunc(x / 1000) for |x| < 2^20 (the nearest non-integer quotient is 0.001
+// Exactness: the YUV sums are exact 32-bit integers (multiply-adds of 16-bit
+// pairs), below 2^20 in magnitude, so their single-precision values are exact,
+// and trunc(x * 0.001f) equals trunc(x / 1000) for |x| < 2^20 (the nearest non-integer quotient is 0.001
 // away, the rounding error is below 1e-4). The weighted grey is the exact
 // quotient S / 1000, S = 587 g + 299 r + 114 b, except when S is a multiple of
 // 1000, where rounding in double precision may land just below the integer:
@@ -50,46 +50,54 @@ const EqualChannelFix& equalChannelFix()
     return s_fix;
 }
 
-// Masks that gather Y (pixel order) and U, V (repeated for both pixels of a
-// pair) from four YUV groups.
+// Shuffle masks that turn two YUV groups (in each 128-bit lane) into four
+// pixels of 16-bit pairs (Y, U) and (Y, V), for multiply-adds.
 struct YuvMasks {
-    __m128i yu;
-    __m128i v;
+    __m256i yu;
+    __m256i yv;
 };
 
 YuvMasks yuvMasks(int nType)
 {
     const unsigned char* pos = scalar::kGroupPos[nType];
-    alignas(16) unsigned char yu[16], v[16];
-    for (int i = 0; i < 4; ++i) {
-        yu[2 * i] = static_cast<unsigned char>(4 * i + pos[0]);
-        yu[2 * i + 1] = static_cast<unsigned char>(4 * i + pos[2]);
-        yu[8 + 2 * i] = yu[8 + 2 * i + 1] = static_cast<unsigned char>(4 * i + pos[1]);
-        v[2 * i] = v[2 * i + 1] = static_cast<unsigned char>(4 * i + pos[3]);
-        v[8 + 2 * i] = v[8 + 2 * i + 1] = 0x80;
+    alignas(16) unsigned char yu[16], yv[16];
+    for (int k = 0; k < 4; ++k) {
+        const int base = 4 * (k / 2), y = base + pos[k % 2 == 0 ? 0 : 2];
+        yu[4 * k] = yv[4 * k] = static_cast<unsigned char>(y);
+        yu[4 * k + 2] = static_cast<unsigned char>(base + pos[1]);
+        yv[4 * k + 2] = static_cast<unsigned char>(base + pos[3]);
+        yu[4 * k + 1] = yu[4 * k + 3] = yv[4 * k + 1] = yv[4 * k + 3] = 0x80;
     }
-    return {_mm_load_si128(reinterpret_cast<const __m128i*>(yu)), _mm_load_si128(reinterpret_cast<const __m128i*>(v))};
+    return {_mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i*>(yu))),
+            _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i*>(yv)))};
+}
+
+// Two 16-bit coefficients for _mm256_madd_epi16: lo for the even element.
+inline __m256i coeffPair(int lo, int hi)
+{
+    return _mm256_set1_epi32(static_cast<int>((static_cast<unsigned>(static_cast<unsigned short>(hi)) << 16)
+                                              | static_cast<unsigned short>(lo)));
 }
 
 // Blue, green and red (truncated, unclamped) of the 8 pixels of four groups.
+// The sums 1164 (Y - 16) + 2018 (U - 128) etc. come from multiply-adds of
+// (Y, U) and (Y, V) pairs plus a constant, exact in 32 bits.
 inline void yuvToBgr8(__m128i groups, const YuvMasks& m, __m256i& b, __m256i& g, __m256i& r)
 {
-    const __m128i yu = _mm_shuffle_epi8(groups, m.yu);
-    const __m128i vv = _mm_shuffle_epi8(groups, m.v);
-    const __m256i y32 = _mm256_sub_epi32(_mm256_cvtepu8_epi32(yu), _mm256_set1_epi32(16));
-    const __m256i u32 = _mm256_sub_epi32(_mm256_cvtepu8_epi32(_mm_srli_si128(yu, 8)), _mm256_set1_epi32(128));
-    const __m256i v32 = _mm256_sub_epi32(_mm256_cvtepu8_epi32(vv), _mm256_set1_epi32(128));
-    const __m256 fy = _mm256_mul_ps(_mm256_cvtepi32_ps(y32), _mm256_set1_ps(1164.0f));
-    const __m256 fu = _mm256_cvtepi32_ps(u32);
-    const __m256 fv = _mm256_cvtepi32_ps(v32);
+    const __m256i x = _mm256_permute4x64_epi64(_mm256_castsi128_si256(groups), 0x50);
+    const __m256i yu = _mm256_shuffle_epi8(x, m.yu);
+    const __m256i yv = _mm256_shuffle_epi8(x, m.yv);
+    const __m256i sb = _mm256_add_epi32(_mm256_madd_epi16(yu, coeffPair(1164, 2018)),
+                                        _mm256_set1_epi32(-1164 * 16 - 2018 * 128));
+    const __m256i sg = _mm256_add_epi32(_mm256_add_epi32(_mm256_madd_epi16(yu, coeffPair(1164, -380)),
+                                                         _mm256_madd_epi16(yv, coeffPair(0, -813))),
+                                        _mm256_set1_epi32(-1164 * 16 + 813 * 128 + 380 * 128));
+    const __m256i sr = _mm256_add_epi32(_mm256_madd_epi16(yv, coeffPair(1164, 1159)),
+                                        _mm256_set1_epi32(-1164 * 16 - 1159 * 128));
     const __m256 k = _mm256_set1_ps(0.001f);
-    const __m256 xb = _mm256_add_ps(fy, _mm256_mul_ps(fu, _mm256_set1_ps(2018.0f)));
-    const __m256 xg = _mm256_sub_ps(_mm256_sub_ps(fy, _mm256_mul_ps(fv, _mm256_set1_ps(813.0f))),
-                                    _mm256_mul_ps(fu, _mm256_set1_ps(380.0f)));
-    const __m256 xr = _mm256_add_ps(fy, _mm256_mul_ps(fv, _mm256_set1_ps(1159.0f)));
-    b = _mm256_cvttps_epi32(_mm256_mul_ps(xb, k));
-    g = _mm256_cvttps_epi32(_mm256_mul_ps(xg, k));
-    r = _mm256_cvttps_epi32(_mm256_mul_ps(xr, k));
+    b = _mm256_cvttps_epi32(_mm256_mul_ps(_mm256_cvtepi32_ps(sb), k));
+    g = _mm256_cvttps_epi32(_mm256_mul_ps(_mm256_cvtepi32_ps(sg), k));
+    r = _mm256_cvttps_epi32(_mm256_mul_ps(_mm256_cvtepi32_ps(sr), k));
 }
 
 // Clamped B, G, R of 8 pixels as two lanes of 12 interleaved bytes (+4 spare).
@@ -150,29 +158,6 @@ inline void storeBytes8(unsigned char* p, __m256i v)
     _mm_storel_epi64(reinterpret_cast<__m128i*>(p), out);
 }
 
-// Channels 0, 1, 2 of 8 packed 3-byte pixels, 8 bytes each (low half).
-inline void load3x8Bytes(const unsigned char* p, __m128i& x0, __m128i& x1, __m128i& x2)
-{
-    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-    const __m128i b = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + 16));
-    x0 = _mm_or_si128(_mm_shuffle_epi8(a, _mm_setr_epi8(0, 3, 6, 9, 12, 15, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1)),
-                                    _mm_shuffle_epi8(b, _mm_setr_epi8(-1, -1, -1, -1, -1, -1, 2, 5, -1, -1, -1, -1, -1, -1, -1, -1)));
-    x1 = _mm_or_si128(_mm_shuffle_epi8(a, _mm_setr_epi8(1, 4, 7, 10, 13, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1)),
-                                    _mm_shuffle_epi8(b, _mm_setr_epi8(-1, -1, -1, -1, -1, 0, 3, 6, -1, -1, -1, -1, -1, -1, -1, -1)));
-    x2 = _mm_or_si128(_mm_shuffle_epi8(a, _mm_setr_epi8(2, 5, 8, 11, 14, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1)),
-                                    _mm_shuffle_epi8(b, _mm_setr_epi8(-1, -1, -1, -1, -1, 1, 4, 7, -1, -1, -1, -1, -1, -1, -1, -1)));
-}
-
-// The same as 8 int32 each.
-inline void load3x8(const unsigned char* p, __m256i& c0, __m256i& c1, __m256i& c2)
-{
-    __m128i x0, x1, x2;
-    load3x8Bytes(p, x0, x1, x2);
-    c0 = _mm256_cvtepu8_epi32(x0);
-    c1 = _mm256_cvtepu8_epi32(x1);
-    c2 = _mm256_cvtepu8_epi32(x2);
-}
-
 // A 256-entry byte table as 16 rows of 16 bytes, each in both lanes.
 struct Lut {
     __m256i row[16];
@@ -201,35 +186,62 @@ struct Lut {
     }
 };
 
-// Bit v of a 256-bit set for 16 byte lanes v, as 1 or 0: the byte v >> 3 and
+// Bit v of a 256-bit set for 32 byte lanes v, as 1 or 0: the byte v >> 3 and
 // the mask 1 << (v & 7) both come from byte shuffles.
 struct ByteBitSet {
-    __m128i lo, hi;
+    __m256i lo, hi;
     explicit ByteBitSet(const unsigned char* bits)
-        : lo(_mm_load_si128(reinterpret_cast<const __m128i*>(bits))),
-          hi(_mm_load_si128(reinterpret_cast<const __m128i*>(bits + 16)))
+        : lo(_mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i*>(bits)))),
+          hi(_mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i*>(bits + 16))))
     {
     }
-    __m128i operator()(__m128i v) const
+    __m256i operator()(__m256i v) const
     {
-        const __m128i idx = _mm_and_si128(_mm_srli_epi16(v, 3), _mm_set1_epi8(0x1F));
+        const __m256i idx = _mm256_and_si256(_mm256_srli_epi16(v, 3), _mm256_set1_epi8(0x1F));
         // Bit 4 of the index moves to bit 7 of its byte to pick the upper half.
-        const __m128i byte = _mm_blendv_epi8(_mm_shuffle_epi8(lo, idx), _mm_shuffle_epi8(hi, idx), _mm_slli_epi16(idx, 3));
-        const __m128i bit = _mm_shuffle_epi8(_mm_setr_epi8(1, 2, 4, 8, 16, 32, 64, -128, 1, 2, 4, 8, 16, 32, 64, -128),
-                                             _mm_and_si128(v, _mm_set1_epi8(7)));
-        return _mm_min_epu8(_mm_and_si128(byte, bit), _mm_set1_epi8(1));
+        const __m256i byte = _mm256_blendv_epi8(_mm256_shuffle_epi8(lo, idx), _mm256_shuffle_epi8(hi, idx),
+                                                _mm256_slli_epi16(idx, 3));
+        const __m256i bit = _mm256_shuffle_epi8(
+            _mm256_setr_epi8(1, 2, 4, 8, 16, 32, 64, -128, 1, 2, 4, 8, 16, 32, 64, -128,
+                             1, 2, 4, 8, 16, 32, 64, -128, 1, 2, 4, 8, 16, 32, 64, -128),
+            _mm256_and_si256(v, _mm256_set1_epi8(7)));
+        return _mm256_min_epu8(_mm256_and_si256(byte, bit), _mm256_set1_epi8(1));
     }
 };
 
-// 16 x 16-bit lanes as 16 bytes: masks (signed saturation keeps -1) and
-// values 0 .. 255 (unsigned saturation).
-inline __m128i packMask16(__m256i m)
+// 8 packed 3-byte pixels as 8 dwords (byte 0, byte 1, byte 2, byte 1). Reads
+// exactly the 24 bytes.
+inline __m256i load3To4x8(const unsigned char* p)
 {
-    return _mm256_castsi256_si128(_mm256_permute4x64_epi64(_mm256_packs_epi16(m, m), 0x08));
+    const __m256i x = _mm256_inserti128_si256(_mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))),
+                                              _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 8)), 1);
+    return _mm256_shuffle_epi8(x, _mm256_setr_epi8(0, 1, 2, 1, 3, 4, 5, 4, 6, 7, 8, 7, 9, 10, 11, 10,
+                                                   4, 5, 6, 5, 7, 8, 9, 8, 10, 11, 12, 11, 13, 14, 15, 14));
 }
-inline __m128i packBytes16(__m256i v)
+
+// c0 * b0 + c1 * b1 + c2 * b2 of 8 pixels from load3To4x8 (coefficients
+// within a signed byte, pair sums within 16 bits).
+inline __m256i dot3(__m256i px, int c0, int c1, int c2)
 {
-    return _mm256_castsi256_si128(_mm256_permute4x64_epi64(_mm256_packus_epi16(v, v), 0x08));
+    const int k = (c0 & 0xFF) | (c1 & 0xFF) << 8 | (c2 & 0xFF) << 16;
+    return _mm256_madd_epi16(_mm256_maddubs_epi16(px, _mm256_set1_epi32(k)), _mm256_set1_epi16(1));
+}
+
+// (b0 - b1) + 512 (b2 - b1) of pixels from load3To4x8: zero exactly for grey
+// pixels, and it stays non-zero through saturating packs.
+inline __m256i greyness(__m256i px)
+{
+    return _mm256_madd_epi16(_mm256_maddubs_epi16(px, _mm256_set1_epi32(static_cast<int>(0xFF01FF01u))),
+                             _mm256_set1_epi32(512 << 16 | 1));
+}
+
+// Four vectors of 8 dwords (values or masks within int16) as 32 bytes in
+// pixel order; values saturate to 0 .. 255, masks stay 0 / -1.
+inline __m256i pack32Pixels(__m256i a, __m256i b, __m256i c, __m256i d, bool bMask)
+{
+    const __m256i ab = _mm256_packs_epi32(a, b), cd = _mm256_packs_epi32(c, d);
+    const __m256i bytes = bMask ? _mm256_packs_epi16(ab, cd) : _mm256_packus_epi16(ab, cd);
+    return _mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
 }
 
 // For each (g, r): 1 when the weighted grey of the one blue value b that makes
@@ -259,6 +271,41 @@ const GreyFixTable& greyFixTable()
 {
     static const GreyFixTable s_table;
     return s_table;
+}
+
+// The same for the driver's grey: t = 12 b1 + 5 b2 + 3 b0 is a multiple of 20
+// for the b0 = c + 20 k (k = 0 .. 12) with c fixed by (b1, b2); bit k of the
+// entry for (b1, b2) is 1 when the double-precision rule gives t / 20 - 1 there.
+// Padded for 4-byte gathers.
+struct Grey3FixTable {
+    unsigned short fix[65536 + 1];
+    Grey3FixTable() : fix()
+    {
+        for (int b1 = 0; b1 < 256; ++b1)
+            for (int b2 = 0; b2 < 256; ++b2) {
+                // 3 b0 = -(12 b1 + 5 b2) mod 20, and 7 is 3's inverse mod 20.
+                const int c = (20 - (12 * b1 + 5 * b2) % 20) % 20 * 7 % 20;
+                for (int k = 0; c + 20 * k < 256; ++k) {
+                    const unsigned char p[3] = {static_cast<unsigned char>(c + 20 * k), static_cast<unsigned char>(b1),
+                                                static_cast<unsigned char>(b2)};
+                    if (ref::grey3To1(p) != (3 * p[0] + 12 * b1 + 5 * b2) / 20)
+                        fix[b1 * 256 + b2] |= static_cast<unsigned short>(1u << k);
+                }
+            }
+    }
+};
+
+const Grey3FixTable& grey3FixTable()
+{
+    static const Grey3FixTable s_table;
+    return s_table;
+}
+
+// Key (byte 1) * 256 + byte 2 of pixels from load3To4x8.
+inline __m256i key12(__m256i px)
+{
+    return _mm256_or_si256(_mm256_and_si256(px, _mm256_set1_epi32(0xFF00)),
+                           _mm256_and_si256(_mm256_srli_epi32(px, 16), _mm256_set1_epi32(0xFF)));
 }
 
 } // namespace
@@ -298,53 +345,51 @@ void yuvToGray(int nType, const unsigned char* pSrc, unsigned char* pDst, std::s
 void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
     // From bytes, S = 587 g + 299 r + 114 b = 8 P + t with P = 73 g + 37 r +
-    // 14 b and t = 3 g + 3 r + 2 b, so S / 8 = P + t / 8 fits 16 bits and
-    // S / 1000 = (S / 8) / 125, a multiply-high. Where S is a multiple of
-    // 1000, double rounding may give one less: a table keyed by (g, r) says so.
-    // Grey pixels (equal channels) take their answer from a bit set instead.
+    // 14 b and t = 3 g + 3 r + 2 b (both byte multiply-adds), so S / 8 =
+    // P + t / 8 fits 16 bits and S / 1000 = (S / 8) / 125, a multiply-high.
+    // Where S is a multiple of 1000, double rounding may give one less: grey
+    // pixels look it up by value in a bit set, others by (g, r) in a table.
     const unsigned char* fix = greyFixTable().fix;
     const ByteBitSet equalFix(equalChannelFix().weighted);
     std::size_t i = 0;
-    for (; i + 16 <= n; i += 16, pSrc += 48, pDst += 16) {
-        __m128i a0, a1, a2, c0, c1, c2;
-        load3x8Bytes(pSrc, a0, a1, a2);
-        load3x8Bytes(pSrc + 24, c0, c1, c2);
-        const __m128i xb = _mm_unpacklo_epi64(a0, c0), xg = _mm_unpacklo_epi64(a1, c1), xr = _mm_unpacklo_epi64(a2, c2);
-        const __m256i b = _mm256_cvtepu8_epi16(xb);
-        const __m256i g = _mm256_cvtepu8_epi16(xg);
-        const __m256i r = _mm256_cvtepu8_epi16(xr);
-        const __m256i p = _mm256_add_epi16(_mm256_add_epi16(_mm256_mullo_epi16(g, _mm256_set1_epi16(73)),
-                                                            _mm256_mullo_epi16(r, _mm256_set1_epi16(37))),
-                                           _mm256_mullo_epi16(b, _mm256_set1_epi16(14)));
-        const __m256i gr = _mm256_add_epi16(g, r);
-        const __m256i t = _mm256_add_epi16(_mm256_add_epi16(_mm256_add_epi16(gr, gr), gr), _mm256_add_epi16(b, b));
-        const __m256i s8 = _mm256_add_epi16(p, _mm256_srli_epi16(t, 3));
-        __m256i q = _mm256_srli_epi16(_mm256_mulhi_epu16(s8, _mm256_set1_epi16(static_cast<short>(33555))), 6);
-        const __m256i exact = _mm256_and_si256(
-            _mm256_cmpeq_epi16(_mm256_and_si256(t, _mm256_set1_epi16(7)), _mm256_setzero_si256()),
-            _mm256_cmpeq_epi16(_mm256_mullo_epi16(q, _mm256_set1_epi16(125)), s8));
-        if (!_mm256_testz_si256(exact, exact)) {
-            const __m128i exact8 = packMask16(exact);
-            const __m128i equal8 = _mm_and_si128(_mm_cmpeq_epi8(xb, xg), _mm_cmpeq_epi8(xg, xr));
-            if (_mm_testc_si128(equal8, exact8)) {
-                const __m128i bytes = packBytes16(q);
-                _mm_storeu_si128(reinterpret_cast<__m128i*>(pDst),
-                                 _mm_sub_epi8(bytes, _mm_and_si128(equalFix(xg), exact8)));
-                continue;
-            }
-            const __m256i key = _mm256_or_si256(_mm256_slli_epi16(g, 8), r);
-            const __m256i lo = _mm256_i32gather_epi32(reinterpret_cast<const int*>(fix),
-                                                      _mm256_cvtepu16_epi32(_mm256_castsi256_si128(key)), 1);
-            const __m256i hi = _mm256_i32gather_epi32(reinterpret_cast<const int*>(fix),
-                                                      _mm256_cvtepu16_epi32(_mm256_extracti128_si256(key, 1)), 1);
-            const __m256i ff = _mm256_set1_epi32(0xFF);
-            const __m256i f = _mm256_permute4x64_epi64(
-                _mm256_packus_epi32(_mm256_and_si256(lo, ff), _mm256_and_si256(hi, ff)), 0xD8);
-            q = _mm256_sub_epi16(q, _mm256_and_si256(f, exact));
+    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+    const __m256i z = _mm256_setzero_si256();
+    for (; i + 32 <= n; i += 32, pSrc += 96, pDst += 32) {
+        __m256i px[4], s8[4], t7[4];
+        for (int k = 0; k < 4; ++k) {
+            px[k] = load3To4x8(pSrc + 24 * k);
+            const __m256i t = dot3(px[k], 2, 3, 3);
+            s8[k] = _mm256_add_epi32(dot3(px[k], 14, 73, 37), _mm256_srli_epi32(t, 3));
+            t7[k] = _mm256_and_si256(t, _mm256_set1_epi32(7));
         }
-        const __m256i bytes = _mm256_packus_epi16(q, q);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pDst),
-                         _mm256_castsi256_si128(_mm256_permute4x64_epi64(bytes, 0x08)));
+        const __m256i sa = _mm256_packs_epi32(s8[0], s8[1]), sb = _mm256_packs_epi32(s8[2], s8[3]);
+        const __m256i m = _mm256_set1_epi16(static_cast<short>(33555));
+        const __m256i qa = _mm256_srli_epi16(_mm256_mulhi_epu16(sa, m), 6);
+        const __m256i qb = _mm256_srli_epi16(_mm256_mulhi_epu16(sb, m), 6);
+        __m256i bytes = _mm256_permutevar8x32_epi32(_mm256_packus_epi16(qa, qb), order);
+        const __m256i k125 = _mm256_set1_epi16(125);
+        const __m256i ea = _mm256_and_si256(_mm256_cmpeq_epi16(_mm256_mullo_epi16(qa, k125), sa),
+                                            _mm256_cmpeq_epi16(_mm256_packs_epi32(t7[0], t7[1]), z));
+        const __m256i eb = _mm256_and_si256(_mm256_cmpeq_epi16(_mm256_mullo_epi16(qb, k125), sb),
+                                            _mm256_cmpeq_epi16(_mm256_packs_epi32(t7[2], t7[3]), z));
+        if (!_mm256_testz_si256(_mm256_or_si256(ea, eb), _mm256_or_si256(ea, eb))) {
+            // Grey pixels are always exact; when they are the only exact ones,
+            // the bit set answers (q is the value itself).
+            const __m256i ga = _mm256_cmpeq_epi16(_mm256_packs_epi32(greyness(px[0]), greyness(px[1])), z);
+            const __m256i gb = _mm256_cmpeq_epi16(_mm256_packs_epi32(greyness(px[2]), greyness(px[3])), z);
+            if (_mm256_testc_si256(ga, ea) && _mm256_testc_si256(gb, eb)) {
+                const __m256i grey = _mm256_permutevar8x32_epi32(_mm256_packs_epi16(ga, gb), order);
+                bytes = _mm256_sub_epi8(bytes, _mm256_and_si256(equalFix(bytes), grey));
+            } else {
+                __m256i f[4];
+                for (int k = 0; k < 4; ++k)
+                    f[k] = _mm256_and_si256(_mm256_i32gather_epi32(reinterpret_cast<const int*>(fix), key12(px[k]), 1),
+                                            _mm256_set1_epi32(0xFF));
+                const __m256i exact = _mm256_permutevar8x32_epi32(_mm256_packs_epi16(ea, eb), order);
+                bytes = _mm256_sub_epi8(bytes, _mm256_and_si256(pack32Pixels(f[0], f[1], f[2], f[3], false), exact));
+            }
+        }
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst), bytes);
     }
     scalar::kKernels.bgrToGray(pSrc, pDst, n - i);
 }
@@ -353,63 +398,49 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
     // t = 20 * (b1 * 0.6 + b2 * 0.25 + b0 * 0.15) = 12 b1 + 5 b2 + 3 b0 is an
     // integer; unless it is a multiple of 20 the truncated result is t / 20
-    // whatever the rounding. Multiples (one pixel in 20, every pixel of a grey
-    // picture) take the double-precision rule: lane by lane when few, the
-    // whole block when many.
-    const __m256d c06 = _mm256_set1_pd(0.6), c025 = _mm256_set1_pd(0.25), c015 = _mm256_set1_pd(0.15);
-    auto exact4 = [&](__m128i b0, __m128i b1, __m128i b2) {
-        __m256d d = _mm256_mul_pd(_mm256_cvtepi32_pd(b1), c06);
-        d = _mm256_add_pd(d, _mm256_mul_pd(_mm256_cvtepi32_pd(b2), c025));
-        d = _mm256_add_pd(d, _mm256_mul_pd(_mm256_cvtepi32_pd(b0), c015));
-        return _mm256_cvttpd_epi32(d);
-    };
-    auto rule8 = [&](const unsigned char* s, unsigned char* d) {
-        __m256i b0, b1, b2;
-        load3x8(s, b0, b1, b2);
-        const __m128i lo = exact4(_mm256_castsi256_si128(b0), _mm256_castsi256_si128(b1), _mm256_castsi256_si128(b2));
-        const __m128i hi = exact4(_mm256_extracti128_si256(b0, 1), _mm256_extracti128_si256(b1, 1), _mm256_extracti128_si256(b2, 1));
-        const __m128i w = _mm_packs_epi32(lo, hi);
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(d), _mm_packus_epi16(w, w));
-    };
+    // whatever the rounding. For multiples (one pixel in 20, every pixel of a
+    // grey picture) grey pixels look the answer up by value in a bit set, the
+    // others by (b1, b2, b0 / 20) in a table.
     const ByteBitSet equalFix(equalChannelFix().grey3);
+    const unsigned short* fix = grey3FixTable().fix;
     std::size_t i = 0;
-    for (; i + 16 <= n; i += 16, pSrc += 48, pDst += 16) {
-        __m128i a0, a1, a2, c0, c1, c2;
-        load3x8Bytes(pSrc, a0, a1, a2);
-        load3x8Bytes(pSrc + 24, c0, c1, c2);
-        const __m128i x0 = _mm_unpacklo_epi64(a0, c0), x1 = _mm_unpacklo_epi64(a1, c1), x2 = _mm_unpacklo_epi64(a2, c2);
-        const __m256i b0 = _mm256_cvtepu8_epi16(x0);
-        const __m256i b1 = _mm256_cvtepu8_epi16(x1);
-        const __m256i b2 = _mm256_cvtepu8_epi16(x2);
-        const __m256i t = _mm256_add_epi16(_mm256_add_epi16(_mm256_mullo_epi16(b1, _mm256_set1_epi16(12)),
-                                                            _mm256_mullo_epi16(b2, _mm256_set1_epi16(5))),
-                                           _mm256_mullo_epi16(b0, _mm256_set1_epi16(3)));
+    for (; i + 32 <= n; i += 32, pSrc += 96, pDst += 32) {
+        __m256i px[4], t[4];
+        for (int k = 0; k < 4; ++k) {
+            px[k] = load3To4x8(pSrc + 24 * k);
+            t[k] = dot3(px[k], 3, 12, 5);
+        }
         // t / 20 for t < 16384: (t * 3277) >> 16.
-        const __m256i q = _mm256_mulhi_epu16(t, _mm256_set1_epi16(3277));
-        __m128i bytes = packBytes16(q);
-        const __m256i exact = _mm256_cmpeq_epi16(_mm256_mullo_epi16(q, _mm256_set1_epi16(20)), t);
-        if (_mm256_testz_si256(exact, exact)) {
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(pDst), bytes);
-            continue;
+        const __m256i ta = _mm256_packs_epi32(t[0], t[1]), tb = _mm256_packs_epi32(t[2], t[3]);
+        const __m256i qa = _mm256_mulhi_epu16(ta, _mm256_set1_epi16(3277));
+        const __m256i qb = _mm256_mulhi_epu16(tb, _mm256_set1_epi16(3277));
+        const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+        __m256i bytes = _mm256_permutevar8x32_epi32(_mm256_packus_epi16(qa, qb), order);
+        const __m256i ea = _mm256_cmpeq_epi16(_mm256_mullo_epi16(qa, _mm256_set1_epi16(20)), ta);
+        const __m256i eb = _mm256_cmpeq_epi16(_mm256_mullo_epi16(qb, _mm256_set1_epi16(20)), tb);
+        if (!_mm256_testz_si256(_mm256_or_si256(ea, eb), _mm256_or_si256(ea, eb))) {
+            // Grey pixels are always exact; when they are the only exact ones,
+            // the bit set answers (q is the value itself).
+            const __m256i z = _mm256_setzero_si256();
+            const __m256i ga = _mm256_cmpeq_epi16(_mm256_packs_epi32(greyness(px[0]), greyness(px[1])), z);
+            const __m256i gb = _mm256_cmpeq_epi16(_mm256_packs_epi32(greyness(px[2]), greyness(px[3])), z);
+            if (_mm256_testc_si256(ga, ea) && _mm256_testc_si256(gb, eb)) {
+                const __m256i grey = _mm256_permutevar8x32_epi32(_mm256_packs_epi16(ga, gb), order);
+                bytes = _mm256_sub_epi8(bytes, _mm256_and_si256(equalFix(bytes), grey));
+            } else {
+                const __m256i exact = _mm256_permutevar8x32_epi32(_mm256_packs_epi16(ea, eb), order);
+                __m256i f[4];
+                for (int k = 0; k < 4; ++k) {
+                    // b0 / 20 = (b0 * 3277) >> 16 picks the bit.
+                    const __m256i b0 = _mm256_and_si256(px[k], _mm256_set1_epi32(0xFF));
+                    const __m256i bit = _mm256_srli_epi32(_mm256_madd_epi16(b0, _mm256_set1_epi32(3277)), 16);
+                    const __m256i entry = _mm256_i32gather_epi32(reinterpret_cast<const int*>(fix), key12(px[k]), 2);
+                    f[k] = _mm256_and_si256(_mm256_srlv_epi32(entry, bit), _mm256_set1_epi32(1));
+                }
+                bytes = _mm256_sub_epi8(bytes, _mm256_and_si256(pack32Pixels(f[0], f[1], f[2], f[3], false), exact));
+            }
         }
-        // Equal channels: the answer from the bit set; the other exact lanes
-        // by the double rule.
-        const __m128i exact8 = packMask16(exact);
-        const __m128i equal8 = _mm_and_si128(_mm_cmpeq_epi8(x0, x1), _mm_cmpeq_epi8(x1, x2));
-        bytes = _mm_sub_epi8(bytes, _mm_and_si128(equalFix(x1), _mm_and_si128(exact8, equal8)));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pDst), bytes);
-        unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(_mm_andnot_si128(equal8, exact8)));
-        if (mask == 0)
-            continue;
-        if (__builtin_popcount(mask) > 4) {
-            rule8(pSrc, pDst);
-            rule8(pSrc + 24, pDst + 8);
-            continue;
-        }
-        for (; mask != 0; mask &= mask - 1) {
-            const int j = __builtin_ctz(mask);
-            pDst[j] = ref::grey3To1(pSrc + 3 * j);
-        }
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst), bytes);
     }
     scalar::kKernels.grey3To1(pSrc, pDst, n - i);
 }
