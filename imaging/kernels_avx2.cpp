@@ -503,6 +503,16 @@ void lutCopy(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, cons
     scalar::kKernels.lutCopy(pSrc + i, pDst + i, n - i, lut);
 }
 
+const unsigned short* grey3FixEntries()
+{
+    return grey3FixTable().fix;
+}
+
+const unsigned char* weightedFixEntries()
+{
+    return greyFixTable().fix;
+}
+
 const PixelKernels kKernels = {
     "avx2", yuvToBgr, yuvToGray, bgrToGray, expand3, swapRB, lutCopy, grey3To1,
 };
