@@ -381,11 +381,22 @@ void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
                 const __m256i grey = _mm256_permutevar8x32_epi32(_mm256_packs_epi16(ga, gb), order);
                 bytes = _mm256_sub_epi8(bytes, _mm256_and_si256(equalFix(bytes), grey));
             } else {
+                const __m256i exact = _mm256_permutevar8x32_epi32(_mm256_packs_epi16(ea, eb), order);
+                const unsigned other = static_cast<unsigned>(_mm256_movemask_epi8(exact));
+                if (__builtin_popcount(other) <= 4) {
+                    // Few (noise): lane by lane from the table.
+                    _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst), bytes);
+                    for (unsigned mask = other; mask != 0; mask &= mask - 1) {
+                        const int j = __builtin_ctz(mask);
+                        const unsigned char* p = pSrc + 3 * j;
+                        pDst[j] = static_cast<unsigned char>(pDst[j] - fix[p[1] * 256 + p[2]]);
+                    }
+                    continue;
+                }
                 __m256i f[4];
                 for (int k = 0; k < 4; ++k)
                     f[k] = _mm256_and_si256(_mm256_i32gather_epi32(reinterpret_cast<const int*>(fix), key12(px[k]), 1),
                                             _mm256_set1_epi32(0xFF));
-                const __m256i exact = _mm256_permutevar8x32_epi32(_mm256_packs_epi16(ea, eb), order);
                 bytes = _mm256_sub_epi8(bytes, _mm256_and_si256(pack32Pixels(f[0], f[1], f[2], f[3], false), exact));
             }
         }
@@ -429,6 +440,17 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
                 bytes = _mm256_sub_epi8(bytes, _mm256_and_si256(equalFix(bytes), grey));
             } else {
                 const __m256i exact = _mm256_permutevar8x32_epi32(_mm256_packs_epi16(ea, eb), order);
+                const unsigned other = static_cast<unsigned>(_mm256_movemask_epi8(exact));
+                if (__builtin_popcount(other) <= 4) {
+                    // Few (noise): lane by lane from the table.
+                    _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst), bytes);
+                    for (unsigned mask = other; mask != 0; mask &= mask - 1) {
+                        const int j = __builtin_ctz(mask);
+                        const unsigned char* p = pSrc + 3 * j;
+                        pDst[j] = static_cast<unsigned char>(pDst[j] - ((fix[p[1] * 256 + p[2]] >> (p[0] / 20)) & 1));
+                    }
+                    continue;
+                }
                 __m256i f[4];
                 for (int k = 0; k < 4; ++k) {
                     // b0 / 20 = (b0 * 3277) >> 16 picks the bit.
