@@ -1,10 +1,12 @@
 #include "camera/ccdwebcam.h"
 
 #include <QApplication>
+#include <atomic>
 #include <climits>
 #include <cstdint>
 #include <cstring>
 #include <new>
+#include <unordered_map>
 
 #include "dialog/webcamconfigdlg.h"
 #include "imaging/framekernels.h"
@@ -43,6 +45,50 @@ int roundUpTo4(int nValue)
     return nRounded > INT_MAX ? (INT_MAX & ~3) : static_cast<int>(nRounded);
 }
 
+// Order of frame fetches. Threads sharing a camera each fetch a frame outside
+// the image lock; a fetch that began earlier must not replace the frame of one
+// that began later. Every fetch draws a ticket before it asks the SDK; the
+// ticket of each camera's current image is kept here, beside the class, whose
+// layout hosts were built against.
+std::atomic<std::uint64_t> g_nFetchTicket{0};
+
+class ImageTickets
+{
+public:
+    // True when the fetch with this ticket is newer than the camera's current
+    // image, whose ticket it then becomes. Called under the camera's image lock.
+    bool advance(const CCDWebCam* pCam, std::uint64_t nTicket)
+    {
+        QMutexLocker cLocker(&m_cMutex);
+        try {
+            std::uint64_t& nCurrent = m_mapTickets[pCam];
+            if (nTicket < nCurrent)
+                return false;
+            nCurrent = nTicket;
+        } catch (const std::bad_alloc&) {
+            // Without a record the frame is simply taken, as a lone user would.
+        }
+        return true;
+    }
+
+    void forget(const CCDWebCam* pCam)
+    {
+        QMutexLocker cLocker(&m_cMutex);
+        m_mapTickets.erase(pCam);
+    }
+
+private:
+    QMutex m_cMutex;
+    std::unordered_map<const CCDWebCam*, std::uint64_t> m_mapTickets;
+};
+
+ImageTickets& imageTickets()
+{
+    // Never destroyed: a camera may outlive the library's static objects.
+    static ImageTickets* s_pTickets = new ImageTickets();
+    return *s_pTickets;
+}
+
 } // namespace
 
 CCDWebCam::CCDWebCam()
@@ -54,8 +100,6 @@ CCDWebCam::CCDWebCam()
     , m_ePixelFormat(PixFmtGray8)
     , m_bConnected(false)
     , m_bStarted(false)
-    , m_nFetchTicket(0)
-    , m_nImageTicket(0)
 {
 }
 
@@ -63,6 +107,7 @@ CCDWebCam::~CCDWebCam()
 {
     CCDWebCam::disconnect();
     delete[] m_pImageBuf;
+    imageTickets().forget(this);
 }
 
 int CCDWebCam::getFPS()
@@ -187,7 +232,7 @@ bool CCDWebCam::waitNewImage(int nTimeout)
     int w = 0;
     int h = 0;
     int c = 0;
-    const int nTicket = m_nFetchTicket.fetchAndAddRelaxed(1) + 1;
+    const std::uint64_t nTicket = g_nFetchTicket.fetch_add(1, std::memory_order_relaxed) + 1;
     const unsigned char* pFrame = get_frame_timeout(&w, &h, &c, kCamera, nWait);
     if (!pFrame)
         return false;
@@ -217,11 +262,9 @@ bool CCDWebCam::waitNewImage(int nTimeout)
 
     QMutexLocker cLocker(&m_cImageMutex);
     // A fetch that began after ours has made its newer frame current already:
-    // that one stands, and it is as fresh as the caller asked for. Tickets are
-    // compared by difference, so that they may wrap around.
-    if (static_cast<int>(static_cast<unsigned>(nTicket) - static_cast<unsigned>(m_nImageTicket)) < 0)
+    // that one stands, and it is as fresh as the caller asked for.
+    if (!imageTickets().advance(this, nTicket))
         return true;
-    m_nImageTicket = nTicket;
     if (w != m_nWidth || h != m_nHeight || nDstLine != m_nBytesPerLine || !m_pImageBuf) {
         // Zero-filled, so that frames we cannot transfer stay black.
         unsigned char* pNew = new (std::nothrow) unsigned char[static_cast<std::size_t>(nDstSize64)]();

@@ -1,8 +1,6 @@
 #ifndef KAVREL_CAMERA_CCDWEBCAM_H
 #define KAVREL_CAMERA_CCDWEBCAM_H
 
-#include <QAtomicInt>
-
 #include "camera/ccdif.h"
 
 // The camera driver over the vendor SDK (libtorvane.so). Every SDK call names
@@ -52,12 +50,6 @@ protected:
     CCDSettings m_cSettings;
     bool m_bConnected;
     bool m_bStarted;
-    // Order of frame fetches: each waitNewImage draws a ticket before it asks
-    // the SDK, and a frame is made current only if no later fetch has already
-    // put its own there, so that threads sharing a camera never turn it back
-    // to an older frame. m_nImageTicket is guarded by m_cImageMutex.
-    QAtomicInt m_nFetchTicket;
-    int m_nImageTicket;
 };
 
 #endif
