@@ -3,6 +3,8 @@
 #include "imaging/convertkernels.h"
 
 #include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <cstring>
 
 GlobalFunction::GlobalFunction()
@@ -47,33 +49,41 @@ QString GlobalFunction::getAndRemoveBody(QString& text, QString openTag, QString
 
 namespace {
 
-long dibStride(int nWidth)
+std::int64_t dibStride(int nWidth)
 {
-    return (3L * nWidth + 3) & ~3L;
+    return (3 * static_cast<std::int64_t>(nWidth) + 3) & ~static_cast<std::int64_t>(3);
 }
 
-long grayAlignedStride(int nWidth)
+std::int64_t grayAlignedStride(int nWidth)
 {
-    return (static_cast<long>(nWidth) + 3) & ~3L;
+    return (static_cast<std::int64_t>(nWidth) + 3) & ~static_cast<std::int64_t>(3);
 }
 
-bool validYuv(GlobalFunction::YUV422_Type eType, int nWidth, int nHeight)
+// The images a conversion works on: not empty, and every buffer it touches
+// (nRowBytes per row) within INT_MAX bytes, the most the int geometry of the
+// API describes. Anything else writes nothing; past this check all offsets fit
+// a 32-bit long too.
+bool fits(int nWidth, int nHeight, std::int64_t nRowBytes)
 {
-    // Types outside 0 .. 3 have no defined layout, and a negative size no
-    // meaning: both write nothing.
-    return static_cast<int>(eType) >= 0 && static_cast<int>(eType) <= 3 && nWidth > 0 && nHeight > 0;
+    return nWidth > 0 && nHeight > 0 && nRowBytes <= INT_MAX / nHeight;
+}
+
+bool validYuv(GlobalFunction::YUV422_Type eType)
+{
+    // Types outside 0 .. 3 have no defined layout: they write nothing.
+    return static_cast<int>(eType) >= 0 && static_cast<int>(eType) <= 3;
 }
 
 } // namespace
 
 void GlobalFunction::PixelFormat_YUV422Packed_To_DIB(YUV422_Type eType, const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (!validYuv(eType, nWidth, nHeight))
+    if (!validYuv(eType) || !fits(nWidth, nHeight, dibStride(nWidth)))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
     const int nType = static_cast<int>(eType);
     const unsigned char* pos = kavrel::scalar::kGroupPos[nType];
-    const long nStride = dibStride(nWidth);
+    const long nStride = static_cast<long>(dibStride(nWidth));
     // Only whole pairs: an odd last pixel has no complete group behind it.
     const long nPixels = static_cast<long>(nWidth) * nHeight / 2 * 2;
     // The pixel stream runs on across rows, so a pair may straddle two rows.
@@ -100,7 +110,7 @@ void GlobalFunction::PixelFormat_YUV422Packed_To_DIB(YUV422_Type eType, const un
 
 void GlobalFunction::PixelFormat_YUV422Packed_To_Gray8(YUV422_Type eType, const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (!validYuv(eType, nWidth, nHeight))
+    if (!validYuv(eType) || !fits(nWidth, nHeight, 2 * static_cast<std::int64_t>(nWidth)))
         return;
     // Gray8 rows have no padding: the whole image is one run of pixels.
     const long nPairs = static_cast<long>(nWidth) * nHeight / 2;
@@ -109,70 +119,70 @@ void GlobalFunction::PixelFormat_YUV422Packed_To_Gray8(YUV422_Type eType, const 
 
 void GlobalFunction::PixelFormat_DIB_To_Gray8(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (nWidth < 1 || nHeight < 1)
+    if (!fits(nWidth, nHeight, dibStride(nWidth)))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
-    const long nStride = dibStride(nWidth);
+    const long nStride = static_cast<long>(dibStride(nWidth));
     for (long y = 0; y < nHeight; ++y)
         k.bgrToGray(pSrc + y * nStride, pDst + y * nWidth, static_cast<std::size_t>(nWidth));
 }
 
 void GlobalFunction::PixelFormat_DIB_To_Gray8Aligned(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (nWidth < 1 || nHeight < 1)
+    if (!fits(nWidth, nHeight, dibStride(nWidth)))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
-    const long nStride = dibStride(nWidth);
-    const long nDstStride = grayAlignedStride(nWidth);
+    const long nStride = static_cast<long>(dibStride(nWidth));
+    const long nDstStride = static_cast<long>(grayAlignedStride(nWidth));
     for (long y = 0; y < nHeight; ++y)
         k.bgrToGray(pSrc + y * nStride, pDst + y * nDstStride, static_cast<std::size_t>(nWidth));
 }
 
 void GlobalFunction::PixelFormat_Gray8_To_DIB(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (nWidth < 1 || nHeight < 1)
+    if (!fits(nWidth, nHeight, dibStride(nWidth)))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
-    const long nStride = dibStride(nWidth);
+    const long nStride = static_cast<long>(dibStride(nWidth));
     for (long y = 0; y < nHeight; ++y)
         k.expand3(pSrc + y * nWidth, pDst + y * nStride, static_cast<std::size_t>(nWidth), nullptr);
 }
 
 void GlobalFunction::PixelFormat_Gray8Aligned_To_DIB(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (nWidth < 1 || nHeight < 1)
+    if (!fits(nWidth, nHeight, dibStride(nWidth)))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
-    const long nStride = dibStride(nWidth);
-    const long nSrcStride = grayAlignedStride(nWidth);
+    const long nStride = static_cast<long>(dibStride(nWidth));
+    const long nSrcStride = static_cast<long>(grayAlignedStride(nWidth));
     for (long y = 0; y < nHeight; ++y)
         k.expand3(pSrc + y * nSrcStride, pDst + y * nStride, static_cast<std::size_t>(nWidth), nullptr);
 }
 
 void GlobalFunction::PixelFormat_Gray8_To_Gray8Aligned(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (nWidth < 1 || nHeight < 1)
+    if (!fits(nWidth, nHeight, grayAlignedStride(nWidth)))
         return;
-    const long nDstStride = grayAlignedStride(nWidth);
+    const long nDstStride = static_cast<long>(grayAlignedStride(nWidth));
     for (long y = 0; y < nHeight; ++y)
         std::memcpy(pDst + y * nDstStride, pSrc + y * nWidth, static_cast<std::size_t>(nWidth));
 }
 
 void GlobalFunction::PixelFormat_Gray8Aligned_To_Gray8(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (nWidth < 1 || nHeight < 1)
+    if (!fits(nWidth, nHeight, grayAlignedStride(nWidth)))
         return;
-    const long nSrcStride = grayAlignedStride(nWidth);
+    const long nSrcStride = static_cast<long>(grayAlignedStride(nWidth));
     for (long y = 0; y < nHeight; ++y)
         std::memcpy(pDst + y * nWidth, pSrc + y * nSrcStride, static_cast<std::size_t>(nWidth));
 }
 
 void GlobalFunction::Exg_RB(unsigned char* pBuf, int nWidth, int nHeight)
 {
-    if (nWidth < 1 || nHeight < 1)
+    if (!fits(nWidth, nHeight, dibStride(nWidth)))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
-    const long nStride = dibStride(nWidth);
+    const long nStride = static_cast<long>(dibStride(nWidth));
     for (long y = 0; y < nHeight; ++y)
         k.swapRB(pBuf + y * nStride, static_cast<std::size_t>(nWidth));
 }
