@@ -59,13 +59,13 @@ std::int64_t grayAlignedStride(int nWidth)
     return (static_cast<std::int64_t>(nWidth) + 3) & ~static_cast<std::int64_t>(3);
 }
 
-// The images a conversion works on: not empty, and every buffer it touches
-// (nRowBytes per row) within INT_MAX bytes, the most the int geometry of the
-// API describes. Anything else writes nothing; past this check all offsets fit
-// a 32-bit long too.
-bool fits(int nWidth, int nHeight, std::int64_t nRowBytes)
+// The images every conversion works on: not empty, and small enough that the
+// image in its largest layout (DIB) holds at most INT_MAX bytes, the most the
+// int geometry of the API describes. One limit for all conversions; anything
+// else writes nothing. Past this check all offsets fit a 32-bit long too.
+bool fits(int nWidth, int nHeight)
 {
-    return nWidth > 0 && nHeight > 0 && nRowBytes <= INT_MAX / nHeight;
+    return nWidth > 0 && nHeight > 0 && dibStride(nWidth) <= INT_MAX / nHeight;
 }
 
 bool validYuv(GlobalFunction::YUV422_Type eType)
@@ -78,7 +78,7 @@ bool validYuv(GlobalFunction::YUV422_Type eType)
 
 void GlobalFunction::PixelFormat_YUV422Packed_To_DIB(YUV422_Type eType, const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (!validYuv(eType) || !fits(nWidth, nHeight, dibStride(nWidth)))
+    if (!validYuv(eType) || !fits(nWidth, nHeight))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
     const int nType = static_cast<int>(eType);
@@ -110,7 +110,7 @@ void GlobalFunction::PixelFormat_YUV422Packed_To_DIB(YUV422_Type eType, const un
 
 void GlobalFunction::PixelFormat_YUV422Packed_To_Gray8(YUV422_Type eType, const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (!validYuv(eType) || !fits(nWidth, nHeight, 2 * static_cast<std::int64_t>(nWidth)))
+    if (!validYuv(eType) || !fits(nWidth, nHeight))
         return;
     // Gray8 rows have no padding: the whole image is one run of pixels.
     const long nPairs = static_cast<long>(nWidth) * nHeight / 2;
@@ -119,7 +119,7 @@ void GlobalFunction::PixelFormat_YUV422Packed_To_Gray8(YUV422_Type eType, const 
 
 void GlobalFunction::PixelFormat_DIB_To_Gray8(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (!fits(nWidth, nHeight, dibStride(nWidth)))
+    if (!fits(nWidth, nHeight))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
     const long nStride = static_cast<long>(dibStride(nWidth));
@@ -129,7 +129,7 @@ void GlobalFunction::PixelFormat_DIB_To_Gray8(const unsigned char* pSrc, unsigne
 
 void GlobalFunction::PixelFormat_DIB_To_Gray8Aligned(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (!fits(nWidth, nHeight, dibStride(nWidth)))
+    if (!fits(nWidth, nHeight))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
     const long nStride = static_cast<long>(dibStride(nWidth));
@@ -140,7 +140,7 @@ void GlobalFunction::PixelFormat_DIB_To_Gray8Aligned(const unsigned char* pSrc, 
 
 void GlobalFunction::PixelFormat_Gray8_To_DIB(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (!fits(nWidth, nHeight, dibStride(nWidth)))
+    if (!fits(nWidth, nHeight))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
     const long nStride = static_cast<long>(dibStride(nWidth));
@@ -150,7 +150,7 @@ void GlobalFunction::PixelFormat_Gray8_To_DIB(const unsigned char* pSrc, unsigne
 
 void GlobalFunction::PixelFormat_Gray8Aligned_To_DIB(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (!fits(nWidth, nHeight, dibStride(nWidth)))
+    if (!fits(nWidth, nHeight))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
     const long nStride = static_cast<long>(dibStride(nWidth));
@@ -161,7 +161,7 @@ void GlobalFunction::PixelFormat_Gray8Aligned_To_DIB(const unsigned char* pSrc, 
 
 void GlobalFunction::PixelFormat_Gray8_To_Gray8Aligned(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (!fits(nWidth, nHeight, grayAlignedStride(nWidth)))
+    if (!fits(nWidth, nHeight))
         return;
     const long nDstStride = static_cast<long>(grayAlignedStride(nWidth));
     for (long y = 0; y < nHeight; ++y)
@@ -170,7 +170,7 @@ void GlobalFunction::PixelFormat_Gray8_To_Gray8Aligned(const unsigned char* pSrc
 
 void GlobalFunction::PixelFormat_Gray8Aligned_To_Gray8(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (!fits(nWidth, nHeight, grayAlignedStride(nWidth)))
+    if (!fits(nWidth, nHeight))
         return;
     const long nSrcStride = static_cast<long>(grayAlignedStride(nWidth));
     for (long y = 0; y < nHeight; ++y)
@@ -179,7 +179,7 @@ void GlobalFunction::PixelFormat_Gray8Aligned_To_Gray8(const unsigned char* pSrc
 
 void GlobalFunction::Exg_RB(unsigned char* pBuf, int nWidth, int nHeight)
 {
-    if (!fits(nWidth, nHeight, dibStride(nWidth)))
+    if (!fits(nWidth, nHeight))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
     const long nStride = static_cast<long>(dibStride(nWidth));
