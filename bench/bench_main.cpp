@@ -1,7 +1,7 @@
-// Runs every benchmark (medians of 5 repetitions unless told otherwise) and
-// then prints one table: per case and size, each implementation's median and
-// Kavrel's time relative to the reference, the best other library, or the
-// memcpy floor.
+// Runs every benchmark (medians of 5 repetitions, interleaved at random,
+// unless told otherwise) and then prints one table: per case and size, each
+// implementation's median and Kavrel's time relative to the reference, the
+// best other library, or the memcpy floor.
 
 #include "bench/benchsummary.h"
 
@@ -121,10 +121,14 @@ int main(int argc, char** argv)
     char szReps[] = "--benchmark_repetitions=5";
     char szAggr[] = "--benchmark_report_aggregates_only=true";
     char szMin[] = "--benchmark_min_time=0.05";
+    // Repetitions in random order: the load of a shared machine drifts, and
+    // every implementation of a case should see the same mix of it.
+    char szInterleave[] = "--benchmark_enable_random_interleaving=true";
     if (!bReps) {
         args.push_back(szReps);
         args.push_back(szAggr);
         args.push_back(szMin);
+        args.push_back(szInterleave);
     }
     int nArgs = static_cast<int>(args.size());
     benchmark::Initialize(&nArgs, args.data());

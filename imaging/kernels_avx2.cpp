@@ -79,10 +79,11 @@ inline __m256i coeffPair(int lo, int hi)
                                               | static_cast<unsigned short>(lo)));
 }
 
-// Blue, green and red (truncated, unclamped) of the 8 pixels of four groups.
-// The sums 1164 (Y - 16) + 2018 (U - 128) etc. come from multiply-adds of
-// (Y, U) and (Y, V) pairs plus a constant, exact in 32 bits.
-inline void yuvToBgr8(__m128i groups, const YuvMasks& m, __m256i& b, __m256i& g, __m256i& r)
+// Blue, green and red quotients (sum / 1000 before truncation) of the 8
+// pixels of four groups. The sums 1164 (Y - 16) + 2018 (U - 128) etc. come
+// from multiply-adds of (Y, U) and (Y, V) pairs plus a constant, exact in 32
+// bits.
+inline void yuvQuotients8(__m128i groups, const YuvMasks& m, __m256& b, __m256& g, __m256& r)
 {
     const __m256i x = _mm256_permute4x64_epi64(_mm256_castsi128_si256(groups), 0x50);
     const __m256i yu = _mm256_shuffle_epi8(x, m.yu);
@@ -95,9 +96,19 @@ inline void yuvToBgr8(__m128i groups, const YuvMasks& m, __m256i& b, __m256i& g,
     const __m256i sr = _mm256_add_epi32(_mm256_madd_epi16(yv, coeffPair(1164, 1159)),
                                         _mm256_set1_epi32(-1164 * 16 - 1159 * 128));
     const __m256 k = _mm256_set1_ps(0.001f);
-    b = _mm256_cvttps_epi32(_mm256_mul_ps(_mm256_cvtepi32_ps(sb), k));
-    g = _mm256_cvttps_epi32(_mm256_mul_ps(_mm256_cvtepi32_ps(sg), k));
-    r = _mm256_cvttps_epi32(_mm256_mul_ps(_mm256_cvtepi32_ps(sr), k));
+    b = _mm256_mul_ps(_mm256_cvtepi32_ps(sb), k);
+    g = _mm256_mul_ps(_mm256_cvtepi32_ps(sg), k);
+    r = _mm256_mul_ps(_mm256_cvtepi32_ps(sr), k);
+}
+
+// Blue, green and red (truncated, unclamped) of the 8 pixels of four groups.
+inline void yuvToBgr8(__m128i groups, const YuvMasks& m, __m256i& b, __m256i& g, __m256i& r)
+{
+    __m256 fb, fg, fr;
+    yuvQuotients8(groups, m, fb, fg, fr);
+    b = _mm256_cvttps_epi32(fb);
+    g = _mm256_cvttps_epi32(fg);
+    r = _mm256_cvttps_epi32(fr);
 }
 
 // Clamped B, G, R of 8 pixels as two lanes of 12 interleaved bytes (+4 spare).
@@ -147,15 +158,6 @@ inline __m256i weightedGrey8(__m256i b, __m256i g, __m256i r)
     const __m128i lo = half(_mm256_castsi256_si128(b), _mm256_castsi256_si128(g), _mm256_castsi256_si128(r));
     const __m128i hi = half(_mm256_extracti128_si256(b, 1), _mm256_extracti128_si256(g, 1), _mm256_extracti128_si256(r, 1));
     return _mm256_inserti128_si256(_mm256_castsi128_si256(lo), hi, 1);
-}
-
-// 8 int32 clamped to bytes, stored to p.
-inline void storeBytes8(unsigned char* p, __m256i v)
-{
-    const __m256i w = _mm256_packs_epi32(v, v);
-    const __m256i bytes = _mm256_packus_epi16(w, w);
-    const __m128i out = _mm_unpacklo_epi32(_mm256_castsi256_si128(bytes), _mm256_extracti128_si256(bytes, 1));
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(p), out);
 }
 
 // A 256-entry byte table as 16 rows of 16 bytes, each in both lanes.
@@ -330,14 +332,51 @@ void yuvToBgr(int nType, const unsigned char* pSrc, unsigned char* pDst, std::si
     scalar::kKernels.yuvToBgr(nType, pSrc, pDst, nPairs - i);
 }
 
+// Weighted grey (unclamped) of the 8 pixels of four groups, all in single
+// precision on exact integers: S = 587 g + 299 r + 114 b stays below 2^20, so
+// trunc(S * 0.001f) is S / 1000 truncated. Exact multiples of 1000 go to the
+// double-precision rule (grey pixels by their value through the bit set).
+inline __m256i yuvGrey8(__m128i groups, const YuvMasks& m, const __m256i& equalSet)
+{
+    __m256 b, g, r;
+    yuvQuotients8(groups, m, b, g, r);
+    const int trunc = _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC;
+    b = _mm256_round_ps(b, trunc);
+    g = _mm256_round_ps(g, trunc);
+    r = _mm256_round_ps(r, trunc);
+    const __m256 s = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(g, _mm256_set1_ps(587.0f)),
+                                                 _mm256_mul_ps(r, _mm256_set1_ps(299.0f))),
+                                   _mm256_mul_ps(b, _mm256_set1_ps(114.0f)));
+    const __m256 qf = _mm256_round_ps(_mm256_mul_ps(s, _mm256_set1_ps(0.001f)), trunc);
+    const __m256i q = _mm256_cvttps_epi32(qf);
+    // Exact multiples of 1000 with a quotient in 1 .. 255; others come out
+    // the same either way (or clamp to the same byte).
+    const __m256 cand = _mm256_and_ps(_mm256_cmp_ps(_mm256_mul_ps(qf, _mm256_set1_ps(1000.0f)), s, _CMP_EQ_OQ),
+                                      _mm256_and_ps(_mm256_cmp_ps(qf, _mm256_set1_ps(1.0f), _CMP_GE_OQ),
+                                                    _mm256_cmp_ps(qf, _mm256_set1_ps(255.0f), _CMP_LE_OQ)));
+    if (_mm256_testz_ps(cand, cand))
+        return q;
+    const __m256 equal = _mm256_and_ps(_mm256_cmp_ps(b, g, _CMP_EQ_OQ), _mm256_cmp_ps(g, r, _CMP_EQ_OQ));
+    if (_mm256_testc_ps(equal, cand)) {
+        const __m256i word = _mm256_permutevar8x32_epi32(equalSet, _mm256_srli_epi32(q, 5));
+        const __m256i bit = _mm256_and_si256(_mm256_srlv_epi32(word, _mm256_and_si256(q, _mm256_set1_epi32(31))),
+                                             _mm256_set1_epi32(1));
+        return _mm256_sub_epi32(q, _mm256_and_si256(bit, _mm256_castps_si256(cand)));
+    }
+    return weightedGrey8(_mm256_cvttps_epi32(b), _mm256_cvttps_epi32(g), _mm256_cvttps_epi32(r));
+}
+
 void yuvToGray(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs)
 {
     const YuvMasks m = yuvMasks(nType);
+    const __m256i equalSet = _mm256_load_si256(reinterpret_cast<const __m256i*>(equalChannelFix().weighted));
     std::size_t i = 0;
-    for (; i + 4 <= nPairs; i += 4, pSrc += 16, pDst += 8) {
-        __m256i b, g, r;
-        yuvToBgr8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pSrc)), m, b, g, r);
-        storeBytes8(pDst, weightedGrey8(b, g, r));
+    for (; i + 8 <= nPairs; i += 8, pSrc += 32, pDst += 16) {
+        const __m256i qa = yuvGrey8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pSrc)), m, equalSet);
+        const __m256i qb = yuvGrey8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pSrc + 16)), m, equalSet);
+        const __m256i w = _mm256_packs_epi32(qa, qb);
+        const __m256i bytes = _mm256_permutevar8x32_epi32(_mm256_packus_epi16(w, w), _mm256_setr_epi32(0, 4, 1, 5, 0, 4, 1, 5));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pDst), _mm256_castsi256_si128(bytes));
     }
     scalar::kKernels.yuvToGray(nType, pSrc, pDst, nPairs - i);
 }
