@@ -16,6 +16,7 @@ inline std::vector<std::string> simLog()
     return entries;
 }
 
+// Entries that begin with `prefix`.
 inline int simLogCount(const std::string& prefix)
 {
     int n = 0;
