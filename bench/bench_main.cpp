@@ -25,8 +25,22 @@ const std::vector<BenchSize>& benchSizes()
     return s_sizes;
 }
 
+namespace {
+
+// Cases in the order they were registered: the table keeps it whatever order
+// the (interleaved) runs come in.
+std::vector<std::string>& caseOrder()
+{
+    static std::vector<std::string> s_cases;
+    return s_cases;
+}
+
+} // namespace
+
 std::string benchName(const std::string& strCase, const std::string& strImpl, const BenchSize& size)
 {
+    if (std::find(caseOrder().begin(), caseOrder().end(), strCase) == caseOrder().end())
+        caseOrder().push_back(strCase);
     return strCase + "/" + strImpl + "/" + std::to_string(size.nWidth) + "x" + std::to_string(size.nHeight);
 }
 
@@ -61,8 +75,20 @@ public:
         }
     }
 
-    void printTable() const
+    void printTable()
     {
+        auto rank = [](const Row& row) {
+            const auto& cases = caseOrder();
+            const long nCase = std::find(cases.begin(), cases.end(), row.strCase) - cases.begin();
+            long nSize = 0;
+            for (const BenchSize& size : benchSizes()) {
+                if (row.strSize == std::to_string(size.nWidth) + "x" + std::to_string(size.nHeight))
+                    break;
+                ++nSize;
+            }
+            return std::make_pair(nCase, nSize);
+        };
+        std::stable_sort(rows.begin(), rows.end(), [&](const Row& a, const Row& b) { return rank(a) < rank(b); });
         auto cell = [](const Row& row, const char* impl) {
             auto it = row.ms.find(impl);
             char sz[32] = "-";

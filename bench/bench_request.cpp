@@ -57,6 +57,10 @@ void runRequest(benchmark::State& state, const RequestCase& c, const BenchSize& 
         state.SkipWithError(api->getLastError());
         return;
     }
+    // The first request draws the frame and sizes the buffers: not timed.
+    int nWarmW = 0, nWarmBpl = 0, nWarmH = 0;
+    if (unsigned char* p = api->requestImageMain(&nWarmW, &nWarmBpl, &nWarmH, 1000))
+        api->releaseImageMain(p);
     for (auto _ : state) {
         int w = 0, bpl = 0, h = 0;
         unsigned char* p = api->requestImageMain(&w, &bpl, &h, 1000);
@@ -91,6 +95,9 @@ void runSdk(benchmark::State& state, int nBytesPerPixel, const BenchSize& size)
         return;
     }
     set_camera_mode(0, 0);
+    // The first frame also builds the simulated camera's base picture: not timed.
+    int nWarmW = 0, nWarmH = 0, nWarmBpp = 0;
+    get_frame_timeout(&nWarmW, &nWarmH, &nWarmBpp, 0, 1000);
     for (auto _ : state) {
         int w = 0, h = 0, bpp = 0;
         const unsigned char* p = get_frame_timeout(&w, &h, &bpp, 0, 1000);
