@@ -1,5 +1,5 @@
 // Shared helpers of the dialog tests: a clean simulated camera per test, and
-// widgets found, clicked and typed into by object name.
+// widgets found, read, clicked and typed into by object name.
 #ifndef KAVREL_TESTS_DIALOG_DIALOGTEST_H
 #define KAVREL_TESTS_DIALOG_DIALOGTEST_H
 
@@ -29,7 +29,7 @@ protected:
     }
 };
 
-template <class T>
+template <class T = QWidget>
 T* child(QObject* pParent, const char* szName)
 {
     T* p = pParent->findChild<T*>(QString::fromLatin1(szName));
@@ -39,9 +39,7 @@ T* child(QObject* pParent, const char* szName)
 }
 
 inline void click(QWidget* p, const char* sz) { QTest::mouseClick(child<QAbstractButton>(p, sz), Qt::LeftButton); }
-inline bool enabled(QWidget* p, const char* sz) { return child<QWidget>(p, sz)->isEnabled(); }
-// A label's or a line edit's text.
-inline QString text(QWidget* p, const char* sz) { return child<QWidget>(p, sz)->property("text").toString(); }
+inline bool enabled(QWidget* p, const char* sz) { return child(p, sz)->isEnabled(); }
 
 inline void type(QWidget* p, const char* sz, const QString& str)
 {
@@ -49,10 +47,16 @@ inline void type(QWidget* p, const char* sz, const QString& str)
     QTest::keyClicks(child<QLineEdit>(p, sz), str);
 }
 
-inline std::vector<int> sliders(QWidget* p)
+// The named widgets' values in one line: a combo box's index, a slider's
+// position, a button's, an edit's or a label's text; or the given property.
+inline QString values(QWidget* p, std::initializer_list<const char*> lstNames, const char* szProperty = nullptr)
 {
-    return {child<QSlider>(p, "sldWBR")->value(), child<QSlider>(p, "sldWBG")->value(),
-            child<QSlider>(p, "sldWBB")->value()};
+    QStringList lst;
+    for (const char* sz : lstNames) {
+        const char* szValue = sz[0] == 'c' ? "currentIndex" : sz[0] == 's' ? "value" : "text";
+        lst << child(p, sz)->property(szProperty ? szProperty : szValue).toString();
+    }
+    return lst.join('|');
 }
 
 // Runs the event loop until fnDone answers true, for at least five seconds

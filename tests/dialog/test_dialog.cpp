@@ -1,32 +1,18 @@
 // The dialog's behaviour over the simulated camera: loading a configuration
-// string, OK, Cancel and close, open and close, the region edits and the
-// live preview.
+// string, OK, Cancel and close, open and close, the region edits, the preview,
+// the automatic white balance, and the dialog entered from the API.
 
 #include "dialogtest.h"
 
+#include "dialog/webcamcfgviewform.h"
 #include "dialog/webcamconfigdlg.h"
 
 using Dialog = SimTest;
 
-// The widgets a configuration string fills, in one line: pixel type, width,
-// height, trigger, the R, G, B sliders, gamma, exposure, gain.
-static QString widgets(QWidget* p)
-{
-    QStringList lst{QString::number(child<QComboBox>(p, "cmbPixelType")->currentIndex()), text(p, "edtROIWidth"),
-                    text(p, "edtROIHeight"), QString::number(child<QComboBox>(p, "cmbTriggerMode")->currentIndex())};
-    for (int n : sliders(p))
-        lst << QString::number(n);
-    return (lst << text(p, "edtGamma") << text(p, "edtExposure") << text(p, "edtGain")).join('|');
-}
-
-// Which of open, close, pixel type, trigger mode and trigger button are enabled.
-static QString switches(QWidget* p)
-{
-    QString str;
-    for (const char* sz : {"btnOpenCCD", "btnCloseCCD", "cmbPixelType", "cmbTriggerMode", "btnClick"})
-        str += enabled(p, sz) ? '1' : '0';
-    return str;
-}
+// The widgets that a configuration string fills, and the ones that open and close switch.
+#define LOADED {"cmbPixelType", "edtROIWidth", "edtROIHeight", "cmbTriggerMode", "sldWBR", "sldWBG", "sldWBB", \
+                "edtGamma", "edtExposure", "edtGain"}
+#define SWITCHED {"btnOpenCCD", "btnCloseCCD", "cmbPixelType", "cmbTriggerMode", "btnClick"}, "enabled"
 
 TEST_F(Dialog, LoadsTheConfigurationStringIntoTheWidgets)
 {
@@ -47,7 +33,7 @@ TEST_F(Dialog, LoadsTheConfigurationStringIntoTheWidgets)
     };
     for (const auto& c : cases) {
         WebCamConfigDlg dlg(QString::fromUtf8(c.first));
-        EXPECT_EQ(widgets(&dlg), c.second) << c.first;
+        EXPECT_EQ(values(&dlg, LOADED), c.second) << c.first;
         EXPECT_EQ(enabled(&dlg, "grpAWB"), QString(c.second).startsWith("1|")) << c.first;
     }
 }
@@ -68,10 +54,9 @@ TEST_F(Dialog, OkWritesWhatWasEnteredWithGammaLimited)
         child<QSlider>(&dlg, "sldWBB")->setValue(83);
         click(&dlg, "btnOK");
         EXPECT_EQ(dlg.result(), QDialog::Accepted);
-        EXPECT_EQ(text(&dlg, "edtGamma"), c.second);
-        EXPECT_TRUE(dlg.getConfigString().startsWith("<PixFmt>1</PixFmt><ROI>320,240</ROI><Settings>"));
+        EXPECT_EQ(values(&dlg, {"edtGamma"}), c.second);
         WebCamConfigDlg reread(dlg.getConfigString());
-        EXPECT_EQ(widgets(&reread), QString("1|320|240|2|125|0|83|%1|1500|7").arg(c.second));
+        EXPECT_EQ(values(&reread, LOADED), QString("1|320|240|2|125|0|83|%1|1500|7").arg(c.second));
     }
 }
 
@@ -99,17 +84,16 @@ TEST_F(Dialog, OpenAndCloseSwitchTheControlsAndTheTrigger)
             click(&dlg, "btnOpenCCD");
             EXPECT_EQ(torvanesim_open_count(), 1);
             // The trigger button only in software trigger mode, one trigger per press.
-            EXPECT_EQ(switches(&dlg), nMode == 1 ? "01001" : "01000") << nMode;
+            EXPECT_EQ(values(&dlg, SWITCHED), QString("false|true|false|false|") + (nMode == 1 ? "true" : "false"));
             click(&dlg, "btnClick");
             click(&dlg, "btnClick");
             EXPECT_EQ(torvanesim_trigger_calls(), nMode == 1 ? 2 : 0);
             click(&dlg, "btnCloseCCD");
             EXPECT_EQ(torvanesim_open_count(), 0);
-            EXPECT_EQ(switches(&dlg), "10110");
+            EXPECT_EQ(values(&dlg, SWITCHED), "true|false|true|true|false");
             click(&dlg, "btnOpenCCD"); // left open for the dialog to close when it goes
         }
         EXPECT_EQ(torvanesim_open_count(), 0);
-        EXPECT_EQ(torvanesim_init_calls(), 2);
     }
 }
 
@@ -119,88 +103,199 @@ TEST_F(Dialog, FailedOpenShowsTheCamerasMessageAndCanBeRetried)
     dlg.show();
     torvanesim_set_next_init_result(3);
     click(&dlg, "btnOpenCCD");
-    EXPECT_EQ(text(&dlg, "lblLastErr"), "No camera is exists!");
-    EXPECT_EQ(switches(&dlg), "10111");
+    EXPECT_EQ(values(&dlg, {"lblLastErr"}), "No camera is exists!");
+    EXPECT_EQ(values(&dlg, SWITCHED), "true|false|true|true|true");
     click(&dlg, "btnOpenCCD");
     EXPECT_EQ(torvanesim_open_count(), 1);
-    EXPECT_EQ(switches(&dlg), "01000");
+    EXPECT_EQ(values(&dlg, SWITCHED), "false|true|false|false|false");
 }
 
 TEST_F(Dialog, OpenShowsTheRegionAndSettingsTheCameraSettledOn)
 {
     torvanesim_set_sensor(1280, 960, 3);
     // 0 or less is the maximum, widths round up to multiples of 4; a refused size
-    // shows 0 and the camera's message, and the open goes on.
-    const char* const cases[][4] = {{"0", "0", "1280|960", ""}, {"641", "479", "644|480", ""},
-                                    {"-5", "480", "1280|480", ""}, {"abc", "64", "1280|64", ""},
-                                    {"640", "480", "0|0", "Set Camera resolution failed!"}};
+    // shows 0 and the camera's message, and the open goes on. With no settings
+    // loaded the camera keeps its own (exposure 20000); Apply sends the edits and
+    // shows what the camera holds (gamma limited there).
+    const char* const cases[][3] = {{"0", "0", "1280|960||20000|10.00"}, {"641", "479", "644|480||20000|10.00"},
+                                    {"-5", "480", "1280|480||20000|10.00"}, {"abc", "64", "1280|64||20000|10.00"},
+                                    {"640", "480", "0|0|Set Camera resolution failed!|20000|10.00"}};
     for (const auto& c : cases) {
-        torvanesim_fail_set_window_size(*c[3] != 0);
+        torvanesim_fail_set_window_size(QString(c[2]).contains("failed!"));
         WebCamConfigDlg dlg("");
         dlg.show();
         type(&dlg, "edtROIWidth", c[0]);
         type(&dlg, "edtROIHeight", c[1]);
         click(&dlg, "btnOpenCCD");
-        EXPECT_EQ(text(&dlg, "edtROIWidth") + "|" + text(&dlg, "edtROIHeight"), c[2]) << c[0];
-        EXPECT_EQ(text(&dlg, "lblLastErr"), c[3]);
-        EXPECT_TRUE(enabled(&dlg, "btnCloseCCD"));
+        type(&dlg, "edtGamma", "50");
+        click(&dlg, "btnApply");
+        EXPECT_EQ(values(&dlg, {"edtROIWidth", "edtROIHeight", "lblLastErr", "edtExposure", "edtGamma"}), c[2]) << c[0];
     }
-    torvanesim_fail_set_window_size(0);
+}
 
-    // Loaded settings reach the camera; without any it keeps its own. Apply sends
-    // the edits and shows what the camera holds (gamma limited there).
-    {
-        WebCamConfigDlg loaded("<Settings><Exposure>1234</Exposure><Gamma>1.00</Gamma></Settings>");
-        loaded.show();
-        click(&loaded, "btnOpenCCD");
-    }
-    WebCamConfigDlg dlg("");
-    dlg.show();
-    click(&dlg, "btnOpenCCD");
-    EXPECT_EQ(text(&dlg, "edtExposure"), "1234");
-    type(&dlg, "edtGamma", "50");
-    click(&dlg, "btnApply");
-    EXPECT_EQ(text(&dlg, "edtGamma"), "10.00");
+// A frame of nPixels pixels in the camera's byte order (B, G, R for "BGR"): the
+// first nFirst pixels one colour, the rest another.
+static std::vector<unsigned char> frame(int nPixels, std::vector<unsigned char> first, int nFirst = INT_MAX,
+                                        std::vector<unsigned char> rest = {})
+{
+    std::vector<unsigned char> v;
+    for (int i = 0; i < nPixels; ++i)
+        v.insert(v.end(), i < nFirst ? first.begin() : rest.begin(), i < nFirst ? first.end() : rest.end());
+    return v;
 }
 
 TEST_F(Dialog, PreviewPaintsTheCamerasFrames)
 {
     WebCamConfigDlg dlg("<PixFmt>1</PixFmt><Settings><Gamma>1.00</Gamma></Settings>");
     dlg.show();
-    QWidget* pView = child<QWidget>(&dlg, "WebCamCfgViewForm");
+    QWidget* pView = child(&dlg, "WebCamCfgViewForm");
     const auto pixel = [pView](int x, int y) { return pView->grab().toImage().pixelColor(x, y); };
     const QColor cWhite(Qt::white);
-    EXPECT_EQ(pixel(5, 5), cWhite);
 
     // Unscaled, frames of changing size (the hand-over buffer grows, then is
     // reused) show at their own size in the top-left corner, one poll tick each.
     // Bytes are in the camera's order: "BGR" shows w, 20, 10 as red 10, green 20, blue w.
-    QTest::mouseClick(child<QAbstractButton>(&dlg, "rbInit"), Qt::LeftButton);
+    click(&dlg, "rbInit");
     click(&dlg, "btnOpenCCD");
     for (int w : {20, 60, 8, 64}) {
         const int h = w * 3 / 4;
-        std::vector<unsigned char> frame;
-        for (int i = 0; i < w * h; ++i)
-            frame.insert(frame.end(), {static_cast<unsigned char>(w), 20, 10});
-        torvanesim_queue_frame(w, h, 3, frame.data());
+        torvanesim_queue_frame(w, h, 3, frame(w * h, {static_cast<unsigned char>(w), 20, 10}).data());
         QTimerEvent cTick(0);
         QCoreApplication::sendEvent(&dlg, &cTick);
         EXPECT_EQ(pixel(w - 1, h - 1), QColor(10, 20, w)) << w;
         EXPECT_EQ(pixel(w, h - 1), cWhite);
         EXPECT_EQ(pixel(w - 1, h), cWhite);
     }
+    // Scaled, the frame covers the whole view.
+    click(&dlg, "rbScaled");
+    EXPECT_EQ(pixel(pView->width() - 1, pView->height() - 1), QColor(10, 20, 64));
 
-    // Scaled, the 200 ms poll brings the next frames in over the whole view.
-    QTest::mouseClick(child<QAbstractButton>(&dlg, "rbScaled"), Qt::LeftButton);
-    const std::vector<unsigned char> frame(64 * 48 * 3, 90);
-    for (int i = 0; i < 100; ++i)
-        torvanesim_queue_frame(64, 48, 3, frame.data());
-    const QPoint cLast(pView->width() - 1, pView->height() - 1);
-    EXPECT_TRUE(waitFor([&] { return pixel(0, 0) == QColor(90, 90, 90) && pixel(cLast.x(), cLast.y()) == QColor(90, 90, 90); }));
+    // The 200 ms poll fetches frames while the camera is open, and stops when it closes.
+    for (bool bOpen : {true, false}) {
+        const unsigned int nDelivered = torvanesim_frames_delivered();
+        QTest::qWait(450);
+        EXPECT_EQ(torvanesim_frames_delivered() > nDelivered, bOpen);
+        click(&dlg, "btnCloseCCD");
+    }
+}
 
-    // Closed, the poll stops.
-    click(&dlg, "btnCloseCCD");
-    const unsigned int nDelivered = torvanesim_frames_delivered();
-    QTest::qWait(450);
-    EXPECT_EQ(torvanesim_frames_delivered(), nDelivered);
+// Hands a frame of 4 rows to a preview as the dialog does and returns what the
+// view paints, stretched over its 665 x 503 pixels. Row y's pixels have the
+// bytes 10 + y, 20 + y, 30 + y (grey: 10 + y); the padding after them is 0xEE.
+static QImage paint(WebCamCfgViewForm& view, int nPixType, int nWidth, int nBytesPerLine)
+{
+    const int nBpp = (nPixType == 0 || nPixType == 3) ? 1 : 3;
+    view.m_pImageBuf = new unsigned char[4 * nBytesPerLine];
+    for (int i = 0; i < 4 * nBytesPerLine; ++i) {
+        const int x = i % nBytesPerLine;
+        view.m_pImageBuf[i] = x < nWidth * nBpp ? 10 * (x % nBpp + 1) + i / nBytesPerLine : 0xEE;
+    }
+    view.m_nWidth = nWidth;
+    view.m_nHeight = 4;
+    view.m_nBytesPerLine = nBytesPerLine;
+    view.setPixType(nPixType);
+    return view.grab().toImage();
+}
+
+TEST(Preview, PaintsEachPixelTypeAtTheRowStrideOrNothing)
+{
+    const QColor cWhite(Qt::white);
+    // Pixel types, width, bytes per line, row 0's colour (row 3 shows each channel 3 higher).
+    const std::tuple<std::vector<int>, int, int, QColor> cases[] = {
+        {{0, 3}, 5, 5, QColor(10, 10, 10)}, {{1, 4, 6}, 5, 16, QColor(30, 20, 10)},
+        {{2, 5, 7}, 5, 16, QColor(10, 20, 30)}, {{1}, 4, 12, QColor(30, 20, 10)},
+        // Colour rows need 3 * width rounded up to 4, grey rows the width; unknown
+        // pixel types and no frame paint nothing.
+        {{1}, 5, 15, cWhite}, {{0}, 5, 4, cWhite}, {{8, -1}, 5, 16, cWhite}, {{1}, 0, 16, cWhite},
+    };
+    for (const auto& c : cases) {
+        for (int nPixType : std::get<0>(c)) {
+            SCOPED_TRACE(::testing::Message() << nPixType << " " << std::get<1>(c) << " " << std::get<2>(c));
+            WebCamCfgViewForm view;
+            const QImage cPicture = paint(view, nPixType, std::get<1>(c), std::get<2>(c));
+            const QColor cTop = std::get<3>(c);
+            const QColor cBottom = cTop == cWhite ? cWhite : QColor(cTop.red() + 3, cTop.green() + 3, cTop.blue() + 3);
+            // The last row from its first to its last pixel, read at the row stride.
+            EXPECT_EQ(cPicture.pixelColor(0, 0), cTop);
+            EXPECT_EQ(cPicture.pixelColor(0, 502), cBottom);
+            EXPECT_EQ(cPicture.pixelColor(664, 502), cBottom);
+        }
+    }
+}
+
+TEST_F(Dialog, AutoWhiteBalanceSetsTheGainsThatEqualiseTheChannels)
+{
+    // Opened in video mode with the gains 1.20, 1.00, 1.35 and no gamma change of the frames.
+    const QString strColour = "<PixFmt>1</PixFmt><Settings><Gamma>1.00</Gamma><WhiteBalance>1.20,1.00,1.35"
+                              "</WhiteBalance><TriggerType>Video</TriggerType></Settings>";
+    // Configuration (empty: the colour one, never opened), white surface, the measured frame, the sliders.
+    const std::tuple<QString, bool, std::vector<unsigned char>, const char*> cases[] = {
+        // Means R 100, G 125, B 150: 83.33 is truncated.
+        {strColour, false, frame(200, {150, 125, 100}), "125|100|83"},
+        // R 40, G 100, B 160: 2.5 is shown as 2.00.
+        {strColour, false, frame(200, {160, 100, 40}), "200|100|62"},
+        // A channel at 0 needs an infinite gain; an all-black frame none at all.
+        {strColour, false, frame(200, {0, 50, 100}), "50|100|200"},
+        {strColour, false, frame(200, {0, 0, 0}), "0|0|0"},
+        // Means over two colours: R 125, G 100, B 87.5.
+        {strColour, false, frame(200, {50, 100, 200}, 50, {100, 100, 100}), "83|104|119"},
+        // White surface: only the 10 of 200 pixels at brightness 600 are above the
+        // level (300) at which the brightest tenth is crossed.
+        {strColour, true, frame(200, {150, 200, 250}, 10, {100, 100, 100}), "80|100|133"},
+        // All pixels at one brightness, or more than a tenth saturated: nothing is taken.
+        {strColour, true, frame(200, {150, 125, 100}), "0|0|0"},
+        {strColour, true, frame(200, {255, 255, 255}, 60, {40, 50, 60}), "0|0|0"},
+        // Nothing is measured or changed in triggered modes (no frame would come),
+        // on a grey camera, or without an open camera.
+        {QString(strColour).replace("Video", "soft"), false, frame(200, {150, 125, 100}), "120|100|135"},
+        {QString(strColour).replace("<PixFmt>1", "<PixFmt>0"), false, frame(200, {150, 125, 100}), "120|100|135"},
+        {"", false, frame(200, {150, 125, 100}), "120|100|135"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::get<3>(c));
+        WebCamConfigDlg dlg(std::get<0>(c).isEmpty() ? strColour : std::get<0>(c));
+        dlg.show();
+        if (!std::get<0>(c).isEmpty())
+            click(&dlg, "btnOpenCCD");
+        child<QCheckBox>(&dlg, "chkWhitePlane")->setChecked(std::get<1>(c));
+        // Three frames are fetched and the last one is measured.
+        const unsigned int nDelivered = torvanesim_frames_delivered();
+        for (const auto& v : {frame(200, {1, 2, 3}), frame(200, {1, 2, 3}), std::get<2>(c)})
+            torvanesim_queue_frame(20, 10, 3, v.data());
+        // The slot itself refuses also where the button is out of reach.
+        emit child<QAbstractButton>(&dlg, "btnAutoWB")->clicked();
+        EXPECT_EQ(values(&dlg, {"sldWBR", "sldWBG", "sldWBB"}), std::get<3>(c));
+        EXPECT_EQ(torvanesim_frames_delivered() - nDelivered, strcmp(std::get<3>(c), "120|100|135") ? 3u : 0u);
+    }
+}
+
+TEST_F(Dialog, EnteredFromTheApiAnswersItsResultAndRestoresTheCamera)
+{
+    QByteArray cConfig = "<CCDPos>0</CCDPos><PixFmt>1</PixFmt><ROI>32,24</ROI>"
+                         "<Settings><Gamma>1.00</Gamma><Exposure>500</Exposure></Settings>";
+    KavrelInterface* api = KavrelInterface::getInstance();
+    api->setConfigStringMain(cConfig.data());
+    ASSERT_TRUE(api->connectMain() && api->startMain());
+    bool bOpenWhileShown = true;
+    whenModal([&](QDialog* pDlg) {
+        bOpenWhileShown = api->IsConnectedMain(); // the dialog has the device to itself
+        click(pDlg, "btnOpenCCD");
+        type(pDlg, "edtGain", "3");
+        click(pDlg, "btnOK");
+    });
+    const QString strResult = QString::fromUtf8(api->showConfigWindowMain(cConfig.data()));
+    EXPECT_FALSE(bOpenWhileShown);
+    EXPECT_TRUE(strResult.startsWith("<PixFmt>1</PixFmt><ROI>32,24</ROI>") && strResult.contains("<Gain>3</Gain>"))
+        << qPrintable(strResult);
+    // The running camera is back with the host's configuration.
+    EXPECT_TRUE(api->IsStartedMain());
+    EXPECT_STREQ(api->getConfigStringMain(), cConfig.data());
+
+    // Cancel answers "". A camera that was connected but not started is closed afterwards.
+    api->setConfigStringSlaver(cConfig.data());
+    ASSERT_TRUE(api->connectSlaver());
+    whenModal([](QDialog* pDlg) { click(pDlg, "btnCancel"); });
+    EXPECT_STREQ(api->showConfigWindowSlaver(cConfig.data()), "");
+    EXPECT_FALSE(api->IsConnectedSlaver());
+    EXPECT_EQ(torvanesim_open_count(), 1); // the main camera only, the dialogs' cameras are closed
 }
