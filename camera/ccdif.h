@@ -12,7 +12,10 @@ class CCDIF : public QObject
 {
     Q_OBJECT
 public:
-    enum PixelFormat {
+    // Both enumerations are stored as 32-bit integers; the fixed underlying type
+    // makes every int a valid value, since hosts may hand over codes the
+    // library has no name for.
+    enum PixelFormat : int {
         PixFmtGray8 = 0,
         PixFmtRGB = 1,
         PixFmtBGR = 2,
@@ -23,7 +26,7 @@ public:
         PixFmt7 = 7
     };
 
-    enum TriggerType {
+    enum TriggerType : int {
         TriggerSoft = 0,
         TriggerHard = 1,
         TriggerVideo = 2
