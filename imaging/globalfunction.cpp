@@ -76,6 +76,25 @@ bool validYuv(GlobalFunction::YUV422_Type eType)
 
 } // namespace
 
+namespace {
+
+// Calls fn(source row, destination row, pixels) for every row, or once for the
+// whole image when neither side has row padding (widths that are multiples of
+// 4): one long run keeps the kernels in their vector loops.
+template <typename Fn>
+void forEachRow(const unsigned char* pSrc, long nSrcStride, long nSrcRow, unsigned char* pDst, long nDstStride,
+                long nDstRow, int nWidth, int nHeight, Fn fn)
+{
+    if (nSrcStride == nSrcRow && nDstStride == nDstRow) {
+        fn(pSrc, pDst, static_cast<std::size_t>(nWidth) * static_cast<std::size_t>(nHeight));
+        return;
+    }
+    for (long y = 0; y < nHeight; ++y)
+        fn(pSrc + y * nSrcStride, pDst + y * nDstStride, static_cast<std::size_t>(nWidth));
+}
+
+} // namespace
+
 void GlobalFunction::PixelFormat_YUV422Packed_To_DIB(YUV422_Type eType, const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
     if (!validYuv(eType) || !fits(nWidth, nHeight))
@@ -122,9 +141,8 @@ void GlobalFunction::PixelFormat_DIB_To_Gray8(const unsigned char* pSrc, unsigne
     if (!fits(nWidth, nHeight))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
-    const long nStride = static_cast<long>(dibStride(nWidth));
-    for (long y = 0; y < nHeight; ++y)
-        k.bgrToGray(pSrc + y * nStride, pDst + y * nWidth, static_cast<std::size_t>(nWidth));
+    forEachRow(pSrc, static_cast<long>(dibStride(nWidth)), 3L * nWidth, pDst, nWidth, nWidth, nWidth, nHeight,
+               [&](const unsigned char* s, unsigned char* d, std::size_t n) { k.bgrToGray(s, d, n); });
 }
 
 void GlobalFunction::PixelFormat_DIB_To_Gray8Aligned(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
@@ -132,10 +150,8 @@ void GlobalFunction::PixelFormat_DIB_To_Gray8Aligned(const unsigned char* pSrc, 
     if (!fits(nWidth, nHeight))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
-    const long nStride = static_cast<long>(dibStride(nWidth));
-    const long nDstStride = static_cast<long>(grayAlignedStride(nWidth));
-    for (long y = 0; y < nHeight; ++y)
-        k.bgrToGray(pSrc + y * nStride, pDst + y * nDstStride, static_cast<std::size_t>(nWidth));
+    forEachRow(pSrc, static_cast<long>(dibStride(nWidth)), 3L * nWidth, pDst, static_cast<long>(grayAlignedStride(nWidth)),
+               nWidth, nWidth, nHeight, [&](const unsigned char* s, unsigned char* d, std::size_t n) { k.bgrToGray(s, d, n); });
 }
 
 void GlobalFunction::PixelFormat_Gray8_To_DIB(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
@@ -143,9 +159,8 @@ void GlobalFunction::PixelFormat_Gray8_To_DIB(const unsigned char* pSrc, unsigne
     if (!fits(nWidth, nHeight))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
-    const long nStride = static_cast<long>(dibStride(nWidth));
-    for (long y = 0; y < nHeight; ++y)
-        k.expand3(pSrc + y * nWidth, pDst + y * nStride, static_cast<std::size_t>(nWidth), nullptr);
+    forEachRow(pSrc, nWidth, nWidth, pDst, static_cast<long>(dibStride(nWidth)), 3L * nWidth, nWidth, nHeight,
+               [&](const unsigned char* s, unsigned char* d, std::size_t n) { k.expand3(s, d, n, nullptr); });
 }
 
 void GlobalFunction::PixelFormat_Gray8Aligned_To_DIB(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
@@ -153,28 +168,25 @@ void GlobalFunction::PixelFormat_Gray8Aligned_To_DIB(const unsigned char* pSrc, 
     if (!fits(nWidth, nHeight))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
-    const long nStride = static_cast<long>(dibStride(nWidth));
-    const long nSrcStride = static_cast<long>(grayAlignedStride(nWidth));
-    for (long y = 0; y < nHeight; ++y)
-        k.expand3(pSrc + y * nSrcStride, pDst + y * nStride, static_cast<std::size_t>(nWidth), nullptr);
+    forEachRow(pSrc, static_cast<long>(grayAlignedStride(nWidth)), nWidth, pDst, static_cast<long>(dibStride(nWidth)),
+               3L * nWidth, nWidth, nHeight,
+               [&](const unsigned char* s, unsigned char* d, std::size_t n) { k.expand3(s, d, n, nullptr); });
 }
 
 void GlobalFunction::PixelFormat_Gray8_To_Gray8Aligned(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
     if (!fits(nWidth, nHeight))
         return;
-    const long nDstStride = static_cast<long>(grayAlignedStride(nWidth));
-    for (long y = 0; y < nHeight; ++y)
-        std::memcpy(pDst + y * nDstStride, pSrc + y * nWidth, static_cast<std::size_t>(nWidth));
+    forEachRow(pSrc, nWidth, nWidth, pDst, static_cast<long>(grayAlignedStride(nWidth)), nWidth, nWidth, nHeight,
+               [](const unsigned char* s, unsigned char* d, std::size_t n) { std::memcpy(d, s, n); });
 }
 
 void GlobalFunction::PixelFormat_Gray8Aligned_To_Gray8(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
     if (!fits(nWidth, nHeight))
         return;
-    const long nSrcStride = static_cast<long>(grayAlignedStride(nWidth));
-    for (long y = 0; y < nHeight; ++y)
-        std::memcpy(pDst + y * nWidth, pSrc + y * nSrcStride, static_cast<std::size_t>(nWidth));
+    forEachRow(pSrc, static_cast<long>(grayAlignedStride(nWidth)), nWidth, pDst, nWidth, nWidth, nWidth, nHeight,
+               [](const unsigned char* s, unsigned char* d, std::size_t n) { std::memcpy(d, s, n); });
 }
 
 void GlobalFunction::Exg_RB(unsigned char* pBuf, int nWidth, int nHeight)
@@ -183,6 +195,6 @@ void GlobalFunction::Exg_RB(unsigned char* pBuf, int nWidth, int nHeight)
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
     const long nStride = static_cast<long>(dibStride(nWidth));
-    for (long y = 0; y < nHeight; ++y)
-        k.swapRB(pBuf + y * nStride, static_cast<std::size_t>(nWidth));
+    forEachRow(pBuf, nStride, 3L * nWidth, pBuf, nStride, 3L * nWidth, nWidth, nHeight,
+               [&](const unsigned char*, unsigned char* d, std::size_t n) { k.swapRB(d, n); });
 }
