@@ -84,6 +84,32 @@ TEST_F(Sdk, QueuedFramesComeFirst)
     EXPECT_EQ(grab(10), nullptr);
 }
 
+// The request benchmark reuses frames: only the number may change, and a
+// queued frame or another exposure must bring a freshly drawn one.
+TEST_F(Sdk, ReusedFramesOnlyChangeTheirNumber)
+{
+    torvanesim_set_frame_rate(0);
+    ASSERT_EQ(set_camera_window_size(160, 120, 0), 0);
+    torvanesim_reuse_frames(1);
+    const size_t nBytes = 160 * 120 * 3, nCode = 8 * 3;
+    const unsigned char* p = grab(100);
+    const std::vector<unsigned char> first(p, p + nBytes);
+    p = grab(100);
+    EXPECT_EQ(torvanesim_frame_number(p, 3), torvanesim_frame_number(first.data(), 3) + 1);
+    EXPECT_EQ(std::memcmp(p + nCode, first.data() + nCode, nBytes - nCode), 0);
+
+    const std::vector<unsigned char> queued(nBytes, 7);
+    torvanesim_queue_frame(160, 120, 3, queued.data());
+    EXPECT_EQ(std::memcmp(grab(100), queued.data(), nBytes), 0);
+    std::vector<unsigned char> want(nBytes);
+    for (int i = 0; i < 2; ++i) { // after the queued frame, then after a new exposure
+        p = grab(100);
+        torvanesim_render_frame(torvanesim_frame_number(p, 3), 160, 120, 3, want.data());
+        EXPECT_EQ(std::memcmp(p, want.data(), nBytes), 0) << i;
+        ASSERT_EQ(set_camera_exposure(10000, 0), 0);
+    }
+}
+
 TEST_F(Sdk, TwoUsersAtOnceKeepTheirOwnFrames)
 {
     torvanesim_set_frame_rate(0);
