@@ -20,20 +20,16 @@
 class KavrelInterfaceTestPeer
 {
 public:
-    explicit KavrelInterfaceTestPeer(KavrelInterface& api) : a(api) {}
-    const CCDIF::CCDSettings& settingsMain() const { return a.m_cSettingsMain; }
-    int ccdPosMain() const { return a.m_nCCDPosMain; }
-    int pixFmtMain() const { return a.m_nPixFmtMain; }
+    KavrelInterface& a = *KavrelInterface::getInstance();
+    int ccdPosAndPixFmtMain() const { return a.m_nCCDPosMain * 100 + a.m_nPixFmtMain; }
+    int gainMain() const { return a.m_cSettingsMain.nGain; }
     int bufSizeMain() const { return a.m_nImageBufSizeMain; }
     // True when no image of either camera is lent (the hand-over mutexes are free).
     bool nothingLent() const
     {
-        const bool bFree = a.m_cImageMutexMain.tryLock() && (a.m_cImageMutexMain.unlock(), true);
-        return bFree && a.m_cImageMutexSlaver.tryLock() && (a.m_cImageMutexSlaver.unlock(), true);
+        auto isFree = [](QMutex& m) { return m.tryLock() && (m.unlock(), true); };
+        return isFree(a.m_cImageMutexMain) && isFree(a.m_cImageMutexSlaver);
     }
-
-private:
-    KavrelInterface& a;
 };
 
 // <PixFmt> code 1 is BGR, 0 grey; the settings leave the simulated picture as rendered.
@@ -50,28 +46,28 @@ inline std::string text(const char* sz) { return sz ? std::string(sz) : std::str
 inline bool wholeFrame(const unsigned char* img, int width, int height, bool grey, unsigned int* number = nullptr)
 {
     const unsigned int n = torvanesim_frame_number(img, grey ? 1 : 3);
-    std::vector<unsigned char> bgr(static_cast<size_t>(width) * height * 3), want;
-    torvanesim_render_frame(n, width, height, 3, bgr.data());
-    for (size_t i = 0; grey && i < bgr.size(); i += 3)
-        want.push_back(static_cast<unsigned char>(bgr[i + 1] * 0.6 + bgr[i + 2] * 0.25 + bgr[i] * 0.15));
+    std::vector<unsigned char> want(static_cast<size_t>(width) * height * 3);
+    torvanesim_render_frame(n, width, height, 3, want.data());
+    for (size_t i = 0; grey && i < want.size() / 3; ++i) // in place: grey byte i lies at or before pixel i
+        want[i] = static_cast<unsigned char>(want[3 * i + 1] * 0.6 + want[3 * i + 2] * 0.25 + want[3 * i] * 0.15);
     if (number)
         *number = n;
-    return std::memcmp(img, grey ? want.data() : bgr.data(), grey ? want.size() : bgr.size()) == 0;
+    return std::memcmp(img, want.data(), want.size() / (grey ? 3 : 1)) == 0;
 }
 
 // Runs `run` once to settle caches and buffers, then twice more: those runs
 // must give back every block they take (bytes may move a little as the
 // simulated camera's frame queue re-centres its index, but not by a buffer).
 template <typename F>
-void expectNoHeapGrowth(F&& run, const std::string& what)
+void expectNoHeapGrowth(F&& run)
 {
     run();
     const HeapCount before = heapCount();
     run();
     run();
     const HeapCount after = heapCount();
-    EXPECT_EQ(after.liveBlocks, before.liveBlocks) << what;
-    EXPECT_LT(std::abs(after.liveBytes - before.liveBytes), 1024) << what;
+    EXPECT_EQ(after.liveBlocks, before.liveBlocks);
+    EXPECT_LT(std::abs(after.liveBytes - before.liveBytes), 1024);
 }
 
 class ApiFixture : public ::testing::Test {
@@ -85,15 +81,35 @@ protected:
         torvanesim_reset();
     }
     void setMain(std::string config) { api->setConfigStringMain(&config[0]); }
-    void setSlaver(std::string config) { api->setConfigStringSlaver(&config[0]); }
+    bool startMain(const std::string& config) { return setMain(config), api->connectMain() && api->startMain(); }
     CCDWebCam* camMain() { return Kavrel::getInstance()->getInterfaceMain(); }
-    unsigned char* requestMain(int* w = nullptr, int* b = nullptr, int* h = nullptr, int timeout = 1000)
+    unsigned char* request(bool slaver = false, int* w = nullptr, int* b = nullptr, int* h = nullptr, int timeout = 1000)
     {
-        return api->requestImageMain(w, b, h, timeout);
+        return slaver ? api->requestImageSlaver(w, b, h, timeout) : api->requestImageMain(w, b, h, timeout);
+    }
+    void release(bool slaver, unsigned char* img) { slaver ? api->releaseImageSlaver(img) : api->releaseImageMain(img); }
+    // Takes one image and gives it back: true when it was all of one simulated
+    // frame of width x height, grey or BGR, with the matching geometry.
+    bool takesWhole(bool slaver, bool grey, int width = 64, int height = 48)
+    {
+        int w = 0, b = 0, h = 0;
+        unsigned char* img = request(slaver, &w, &b, &h);
+        const bool whole = img && w == width && h == height && b == (grey ? 1 : 3) * width && wholeFrame(img, w, h, grey);
+        release(slaver, img);
+        return whole;
+    }
+    // Main BGR and Slaver grey over one SDK window; the frame log is off for long runs.
+    bool startBoth()
+    {
+        torvanesim_log_frames(0);
+        setMain(configFor(1, 64, 48));
+        std::string slaver = configFor(0, 64, 48); // setConfigString takes a char*
+        api->setConfigStringSlaver(&slaver[0]);
+        return api->connectMain() && api->connectSlaver() && api->startMain() && api->startSlaver();
     }
 
     KavrelInterface* api = KavrelInterface::getInstance();
-    KavrelInterfaceTestPeer peer{*api};
+    KavrelInterfaceTestPeer peer;
 };
 
 #endif

@@ -11,9 +11,7 @@
 #endif
 #endif
 
-namespace {
-std::atomic<long long> gAllocations{0}, gFrees{0}, gBytes{0};
-} // namespace
+static std::atomic<long long> gAllocations{0}, gFrees{0}, gBytes{0};
 
 #ifdef KAVREL_SANITIZER_HEAP
 
@@ -22,17 +20,9 @@ extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*)(const volatile
                                                          void (*)(const volatile void*));
 extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 
-namespace {
-const bool gHooked = __sanitizer_install_malloc_and_free_hooks([](const volatile void*, std::size_t) { ++gAllocations; },
-                                                               [](const volatile void*) { ++gFrees; }) != 0;
-} // namespace
-
-HeapCount heapCount()
-{
-    (void)gHooked;
-    const long long n = gAllocations.load();
-    return {n, n - gFrees.load(), static_cast<long long>(__sanitizer_get_current_allocated_bytes())};
-}
+static const bool gHooked = __sanitizer_install_malloc_and_free_hooks([](const volatile void*, std::size_t) { ++gAllocations; },
+                                                                      [](const volatile void*) { ++gFrees; }) != 0;
+static long long liveBytes() { return gHooked ? static_cast<long long>(__sanitizer_get_current_allocated_bytes()) : -1; }
 
 #else
 
@@ -48,48 +38,39 @@ void __libc_free(void*);
 void* __libc_memalign(std::size_t, std::size_t);
 }
 
-namespace {
-void* counted(void* p)
+// Counts a block handed out (sign 1) or given back (-1) at its usable size.
+static void* count(void* p, int sign = 1)
 {
     if (p)
-        ++gAllocations, gBytes += static_cast<long long>(malloc_usable_size(p));
+        ++(sign > 0 ? gAllocations : gFrees), gBytes += sign * static_cast<long long>(malloc_usable_size(p));
     return p;
 }
-void uncount(void* p)
-{
-    if (p)
-        ++gFrees, gBytes -= static_cast<long long>(malloc_usable_size(p));
-}
-} // namespace
+static long long liveBytes() { return gBytes; }
 
 extern "C" {
-void* malloc(std::size_t n) { return counted(__libc_malloc(n)); }
-void* calloc(std::size_t n, std::size_t size) { return counted(__libc_calloc(n, size)); }
-void free(void* p) { uncount(p), __libc_free(p); }
-void* memalign(std::size_t alignment, std::size_t n) { return counted(__libc_memalign(alignment, n)); }
-void* aligned_alloc(std::size_t alignment, std::size_t n) { return counted(__libc_memalign(alignment, n)); }
+void* malloc(std::size_t n) { return count(__libc_malloc(n)); }
+void* calloc(std::size_t n, std::size_t size) { return count(__libc_calloc(n, size)); }
+void free(void* p) { __libc_free(count(p, -1)); }
+void* memalign(std::size_t alignment, std::size_t n) { return count(__libc_memalign(alignment, n)); }
+void* aligned_alloc(std::size_t alignment, std::size_t n) { return count(__libc_memalign(alignment, n)); }
 void* realloc(void* p, std::size_t n)
 {
-    uncount(p);
-    void* q = __libc_realloc(p, n);
-    return counted(q || n == 0 ? q : p); // failed: the old block is still there
+    void* q = __libc_realloc(count(p, -1), n);
+    return count(q || n == 0 ? q : p); // failed: the old block is still there
 }
 int posix_memalign(void** pp, std::size_t alignment, std::size_t n)
 {
     if (alignment < sizeof(void*) || (alignment & (alignment - 1)) != 0)
         return EINVAL;
-    void* p = counted(__libc_memalign(alignment, n));
-    if (!p)
-        return ENOMEM;
-    *pp = p;
-    return 0;
+    void* p = count(__libc_memalign(alignment, n));
+    return p ? (*pp = p, 0) : ENOMEM; // a failure leaves *pp alone
 }
 } // extern "C"
+
+#endif
 
 HeapCount heapCount()
 {
     const long long n = gAllocations.load();
-    return {n, n - gFrees.load(), gBytes.load()};
+    return {n, n - gFrees.load(), liveBytes()};
 }
-
-#endif
