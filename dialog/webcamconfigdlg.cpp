@@ -59,6 +59,18 @@ CCDIF::PixelFormat pixelFormatFromIndex(int nIndex)
     return nIndex == 1 ? CCDIF::PixFmtBGR : CCDIF::PixFmtGray8;
 }
 
+// Shows white balance, gamma, exposure and gain of a record in their widgets
+// (R, G, B sliders in this order; each slider change reaches the camera).
+void showSettings(Ui_WebCamConfigDlg* ui, const CCDIF::CCDSettings& cSettings)
+{
+    ui->sldWBR->setValue(factorToSlider(cSettings.fWhiteBalanceR));
+    ui->sldWBG->setValue(factorToSlider(cSettings.fWhiteBalanceG));
+    ui->sldWBB->setValue(factorToSlider(cSettings.fWhiteBalanceB));
+    ui->edtGamma->setText(QString::asprintf("%.2f", static_cast<double>(cSettings.fGamma)));
+    ui->edtExposure->setText(QString::asprintf("%d", cSettings.nExposure));
+    ui->edtGain->setText(QString::asprintf("%d", cSettings.nGain));
+}
+
 // The combo index is the <PixFmt> code; only "BGR" (1) carries colour.
 const int gnColourPixelTypeIndex = 1;
 
@@ -178,12 +190,7 @@ void WebCamConfigDlg::parseConfigStr()
     default:
         break;
     }
-    ui->sldWBR->setValue(factorToSlider(cSettings.fWhiteBalanceR));
-    ui->sldWBG->setValue(factorToSlider(cSettings.fWhiteBalanceG));
-    ui->sldWBB->setValue(factorToSlider(cSettings.fWhiteBalanceB));
-    ui->edtGamma->setText(QString::asprintf("%.2f", cSettings.fGamma));
-    ui->edtExposure->setText(QString::asprintf("%d", cSettings.nExposure));
-    ui->edtGain->setText(QString::asprintf("%d", cSettings.nGain));
+    showSettings(ui, cSettings);
 
     m_bSettingsLoaded = true;
 }
@@ -196,12 +203,7 @@ void WebCamConfigDlg::refreshParam()
     if (!m_pCCD->getCurSettings(&cSettings))
         return;
 
-    ui->sldWBR->setValue(factorToSlider(cSettings.fWhiteBalanceR));
-    ui->sldWBG->setValue(factorToSlider(cSettings.fWhiteBalanceG));
-    ui->sldWBB->setValue(factorToSlider(cSettings.fWhiteBalanceB));
-    ui->edtGamma->setText(QString::asprintf("%.2f", cSettings.fGamma));
-    ui->edtExposure->setText(QString::asprintf("%d", cSettings.nExposure));
-    ui->edtGain->setText(QString::asprintf("%d", cSettings.nGain));
+    showSettings(ui, cSettings);
 }
 
 void WebCamConfigDlg::timerEvent(QTimerEvent*)
