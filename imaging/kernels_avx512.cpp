@@ -1,7 +1,9 @@
 // Table lookups with AVX-512 VBMI (compiled with -mavx512bw -mavx512vbmi, only
 // called when the processor has both): two 128-byte permutes and a blend
 // replace the 31-step AVX2 lookup. The driver's grey uses the byte permutes
-// too; everything else is the AVX2 set.
+// too. When the processor also has VNNI (checked apart, at first use), the
+// weighted grey and YUV to BGR use its dot products; everything else is the
+// AVX2 set.
 
 #include "imaging/convertkernels.h"
 #include "imaging/convertreference.h"
@@ -236,10 +238,200 @@ void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
     avx2::bgrToGray(pSrc, pDst, n - i);
 }
 
+// The same with VNNI: each dot product is one vpdpbusd (the second one
+// accumulating onto t / 8), and the 192 source bytes come in as three full
+// loads spread by byte permutes.
+__attribute__((target("avx512vnni"))) void bgrToGrayVnni(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
+{
+    const Lut greyOfGrey(grey3OfGrey().weighted);
+    const unsigned char* fix = avx2::weightedFixEntries();
+    // Pixel 16 k + j of a block: bytes from 3 (16 k + j), counted from the
+    // first of the two loads that the permute of quarter k reads (built once:
+    // padded images come row by row).
+    static const struct ExpandIdx {
+        alignas(64) unsigned char idx[4][64];
+        ExpandIdx()
+        {
+            for (int k = 0; k < 4; ++k)
+                for (int j = 0; j < 16; ++j) {
+                    const int base = 3 * (16 * k + j) - (k >= 2 ? 64 : 0);
+                    idx[k][4 * j] = static_cast<unsigned char>(base);
+                    idx[k][4 * j + 1] = idx[k][4 * j + 3] = static_cast<unsigned char>(base + 1);
+                    idx[k][4 * j + 2] = static_cast<unsigned char>(base + 2);
+                }
+        }
+    } s_expand;
+    const auto& expandIdx = s_expand.idx;
+    const __m512i e0 = _mm512_load_si512(expandIdx[0]), e1 = _mm512_load_si512(expandIdx[1]);
+    const __m512i e2 = _mm512_load_si512(expandIdx[2]), e3 = _mm512_sub_epi8(_mm512_load_si512(expandIdx[3]), _mm512_set1_epi8(64));
+    const __m512i order = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+    const __m512i z = _mm512_setzero_si512();
+    const __m512i kP = _mm512_set1_epi32(14 | 73 << 8 | 37 << 16), kT = _mm512_set1_epi32(2 | 3 << 8 | 3 << 16);
+    std::size_t i = 0;
+    for (; i + 64 <= n; i += 64, pSrc += 192, pDst += 64) {
+        const __m512i x0 = _mm512_loadu_si512(pSrc), x1 = _mm512_loadu_si512(pSrc + 64), x2 = _mm512_loadu_si512(pSrc + 128);
+        __m512i px[4], s8[4], t7[4];
+        px[0] = _mm512_permutexvar_epi8(e0, x0);
+        px[1] = _mm512_permutex2var_epi8(x0, e1, x1);
+        px[2] = _mm512_permutex2var_epi8(x1, e2, x2);
+        px[3] = _mm512_permutexvar_epi8(e3, x2);
+        for (int k = 0; k < 4; ++k) {
+            const __m512i t = _mm512_dpbusd_epi32(z, px[k], kT);
+            s8[k] = _mm512_dpbusd_epi32(_mm512_srli_epi32(t, 3), px[k], kP);
+            t7[k] = _mm512_and_si512(t, _mm512_set1_epi32(7));
+        }
+        const __m512i sa = _mm512_packs_epi32(s8[0], s8[1]), sb = _mm512_packs_epi32(s8[2], s8[3]);
+        const __m512i m = _mm512_set1_epi16(static_cast<short>(33555));
+        const __m512i qa = _mm512_srli_epi16(_mm512_mulhi_epu16(sa, m), 6);
+        const __m512i qb = _mm512_srli_epi16(_mm512_mulhi_epu16(sb, m), 6);
+        __m512i bytes = _mm512_permutexvar_epi32(order, _mm512_packus_epi16(qa, qb));
+        const __m512i k125 = _mm512_set1_epi16(125);
+        const __mmask32 ea = _mm512_mask_cmpeq_epi16_mask(_mm512_cmpeq_epi16_mask(_mm512_packs_epi32(t7[0], t7[1]), z),
+                                                          _mm512_mullo_epi16(qa, k125), sa);
+        const __mmask32 eb = _mm512_mask_cmpeq_epi16_mask(_mm512_cmpeq_epi16_mask(_mm512_packs_epi32(t7[2], t7[3]), z),
+                                                          _mm512_mullo_epi16(qb, k125), sb);
+        if ((ea | eb) != 0) {
+            __mmask64 grey = 0;
+            for (int k = 0; k < 4; ++k)
+                grey |= static_cast<__mmask64>(_mm512_cmpeq_epi32_mask(px[k], _mm512_ror_epi32(px[k], 8))) << (16 * k);
+            bytes = _mm512_mask_blend_epi8(grey, bytes, greyOfGrey(bytes));
+            const int nOther = __builtin_popcount(ea) + __builtin_popcount(eb) - __builtin_popcountll(grey);
+            if (nOther > 0) {
+                const __mmask64 other = ~grey & _mm512_movepi8_mask(_mm512_permutexvar_epi32(
+                                                    order, _mm512_packs_epi16(_mm512_movm_epi16(ea), _mm512_movm_epi16(eb))));
+                if (nOther <= 8) {
+                    _mm512_storeu_si512(pDst, bytes);
+                    for (unsigned long long mask = other; mask != 0; mask &= mask - 1) {
+                        const int j = __builtin_ctzll(mask);
+                        const unsigned char* p = pSrc + 3 * j;
+                        pDst[j] = static_cast<unsigned char>(pDst[j] - fix[p[1] * 256 + p[2]]);
+                    }
+                    continue;
+                }
+                __m512i f[4];
+                for (int k = 0; k < 4; ++k) {
+                    const __m512i key = _mm512_or_si512(_mm512_and_si512(px[k], _mm512_set1_epi32(0xFF00)),
+                                                        _mm512_and_si512(_mm512_srli_epi32(px[k], 16), _mm512_set1_epi32(0xFF)));
+                    f[k] = _mm512_and_si512(_mm512_i32gather_epi32(key, fix, 1), _mm512_set1_epi32(0xFF));
+                }
+                bytes = _mm512_mask_sub_epi8(bytes, other, bytes, pack64(f[0], f[1], f[2], f[3], order, false));
+            }
+        }
+        _mm512_storeu_si512(pDst, bytes);
+    }
+    avx2::bgrToGray(pSrc, pDst, n - i);
+}
+
+// VNNI came after VBMI on one line of processors only: check it apart.
+bool hasVnni()
+{
+    static const bool s_bVnni = [] {
+        __builtin_cpu_init();
+        return __builtin_cpu_supports("avx512vnni");
+    }();
+    return s_bVnni;
+}
+
+void bgrToGrayBest(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
+{
+    (hasVnni() ? bgrToGrayVnni : bgrToGray)(pSrc, pDst, n);
+}
+
+// Byte permutes of the YUV kernel for each type (it runs row by row, so
+// they are built once): (Y, U) and (Y, V) word pairs of pixels 0 .. 15 and
+// 16 .. 31 of 16 groups, and the 96 output bytes from the two packed vectors.
+struct YuvIndices {
+    alignas(64) unsigned char yu[2][64];
+    alignas(64) unsigned char yv[2][64];
+    alignas(64) unsigned char out[2][64];
+};
+
+const YuvIndices* yuvIndices()
+{
+    static const struct Table {
+        YuvIndices type[4];
+        Table() : type()
+        {
+            for (int n = 0; n < 4; ++n) {
+                const unsigned char* pos = scalar::kGroupPos[n];
+                YuvIndices& t = type[n];
+                for (int h = 0; h < 2; ++h)
+                    for (int j = 0; j < 16; ++j) {
+                        const int p = 16 * h + j, base = 4 * (p / 2);
+                        t.yu[h][4 * j] = t.yv[h][4 * j] = static_cast<unsigned char>(base + pos[p % 2 == 0 ? 0 : 2]);
+                        t.yu[h][4 * j + 2] = static_cast<unsigned char>(base + pos[1]);
+                        t.yv[h][4 * j + 2] = static_cast<unsigned char>(base + pos[3]);
+                    }
+                // After the packs, lane L of p0 holds B, G, R of pixel 4 L + m
+                // at 16 L + m, + 4, + 8 and B of pixel 16 + 4 L + m at + 12;
+                // lane L of p1 holds G and R of pixel 16 + 4 L + m at 16 L + m
+                // and + 4 (index 64 is p1's first byte).
+                for (int p = 0; p < 32; ++p) {
+                    const int j = p % 16, at = 16 * (j / 4) + j % 4;
+                    const int idx[3] = {p < 16 ? at : at + 12, p < 16 ? at + 4 : 64 + at, p < 16 ? at + 8 : 64 + at + 4};
+                    for (int c = 0; c < 3; ++c)
+                        t.out[(3 * p + c) / 64][(3 * p + c) % 64] = static_cast<unsigned char>(idx[c]);
+                }
+            }
+        }
+    } s_table;
+    return s_table.type;
+}
+
+// YUV to clamped BGR, 32 pixels (16 groups) a step. Only 0 .. 255 survives
+// the clamp, so for a sum x the byte is 0 when x < 0 and x / 1000 =
+// (x >> 3) / 125 otherwise: after the shift every sum that matters fits a
+// signed 16-bit lane (larger ones saturate to 32767, still above 255 * 125),
+// and the division is a multiply-high. The sums come from vpdpwssd on
+// (Y, U) and (Y, V) word pairs, exact in 32 bits.
+__attribute__((target("avx512vnni"))) void yuvToBgrVnni(int nType, const unsigned char* pSrc, unsigned char* pDst,
+                                                      std::size_t nPairs)
+{
+    const YuvIndices& t = yuvIndices()[nType];
+    const __m512i yu0 = _mm512_load_si512(t.yu[0]), yu1 = _mm512_load_si512(t.yu[1]);
+    const __m512i yv0 = _mm512_load_si512(t.yv[0]), yv1 = _mm512_load_si512(t.yv[1]);
+    const __m512i out0 = _mm512_load_si512(t.out[0]), out1 = _mm512_load_si512(t.out[1]);
+    const __mmask64 even = 0x5555555555555555ULL;
+    auto pair = [](int lo, int hi) {
+        return _mm512_set1_epi32(static_cast<int>((static_cast<unsigned>(static_cast<unsigned short>(hi)) << 16)
+                                                  | static_cast<unsigned short>(lo)));
+    };
+    const __m512i kB = pair(1164, 2018), kGu = pair(1164, -380), kGv = pair(0, -813), kR = pair(1164, 1159);
+    const __m512i cB = _mm512_set1_epi32(-1164 * 16 - 2018 * 128);
+    const __m512i cG = _mm512_set1_epi32(-1164 * 16 + 813 * 128 + 380 * 128);
+    const __m512i cR = _mm512_set1_epi32(-1164 * 16 - 1159 * 128);
+    const __m512i m125 = _mm512_set1_epi16(static_cast<short>(33555)), z = _mm512_setzero_si512();
+    auto quot = [&](__m512i w) { return _mm512_srli_epi16(_mm512_mulhi_epu16(_mm512_max_epi16(w, z), m125), 6); };
+    std::size_t i = 0;
+    for (; i + 16 <= nPairs; i += 16, pSrc += 64, pDst += 96) {
+        const __m512i x = _mm512_loadu_si512(pSrc);
+        const __m512i u0 = _mm512_maskz_permutexvar_epi8(even, yu0, x), v0 = _mm512_maskz_permutexvar_epi8(even, yv0, x);
+        const __m512i u1 = _mm512_maskz_permutexvar_epi8(even, yu1, x), v1 = _mm512_maskz_permutexvar_epi8(even, yv1, x);
+        const __m512i b0 = _mm512_srai_epi32(_mm512_dpwssd_epi32(cB, u0, kB), 3);
+        const __m512i b1 = _mm512_srai_epi32(_mm512_dpwssd_epi32(cB, u1, kB), 3);
+        const __m512i g0 = _mm512_srai_epi32(_mm512_dpwssd_epi32(_mm512_dpwssd_epi32(cG, u0, kGu), v0, kGv), 3);
+        const __m512i g1 = _mm512_srai_epi32(_mm512_dpwssd_epi32(_mm512_dpwssd_epi32(cG, u1, kGu), v1, kGv), 3);
+        const __m512i r0 = _mm512_srai_epi32(_mm512_dpwssd_epi32(cR, v0, kR), 3);
+        const __m512i r1 = _mm512_srai_epi32(_mm512_dpwssd_epi32(cR, v1, kR), 3);
+        const __m512i w0 = quot(_mm512_packs_epi32(b0, g0)), w1 = quot(_mm512_packs_epi32(r0, b1));
+        const __m512i w2 = quot(_mm512_packs_epi32(g1, r1));
+        const __m512i p0 = _mm512_packus_epi16(w0, w1), p1 = _mm512_packus_epi16(w2, w2);
+        _mm512_storeu_si512(pDst, _mm512_permutex2var_epi8(p0, out0, p1));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst + 64),
+                            _mm512_castsi512_si256(_mm512_permutex2var_epi8(p0, out1, p1)));
+    }
+    avx2::yuvToBgr(nType, pSrc, pDst, nPairs - i);
+}
+
+void yuvToBgrBest(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs)
+{
+    (hasVnni() ? yuvToBgrVnni : avx2::yuvToBgr)(nType, pSrc, pDst, nPairs);
+}
+
 } // namespace
 
 const PixelKernels kKernels = {
-    "avx512vbmi", avx2::yuvToBgr, avx2::yuvToGray, bgrToGray, expand3, avx2::swapRB, lutCopy, grey3To1,
+    "avx512vbmi", yuvToBgrBest, avx2::yuvToGray, bgrToGrayBest, expand3, avx2::swapRB, lutCopy, grey3To1,
 };
 
 } // namespace avx512
