@@ -285,15 +285,24 @@ __attribute__((target("avx512vnni"))) void bgrToGrayVnni(const unsigned char* pS
         const __m512i qa = _mm512_srli_epi16(_mm512_mulhi_epu16(sa, m), 6);
         const __m512i qb = _mm512_srli_epi16(_mm512_mulhi_epu16(sb, m), 6);
         __m512i bytes = _mm512_permutexvar_epi32(order, _mm512_packus_epi16(qa, qb));
-        const __m512i k125 = _mm512_set1_epi16(125);
+        // Kept opaque: GCC would multiply by 125 with four shifts and adds.
+        __m512i k125 = _mm512_set1_epi16(125);
+        __asm__("" : "+v"(k125));
         const __mmask32 ea = _mm512_mask_cmpeq_epi16_mask(_mm512_cmpeq_epi16_mask(_mm512_packs_epi32(t7[0], t7[1]), z),
                                                           _mm512_mullo_epi16(qa, k125), sa);
         const __mmask32 eb = _mm512_mask_cmpeq_epi16_mask(_mm512_cmpeq_epi16_mask(_mm512_packs_epi32(t7[2], t7[3]), z),
                                                           _mm512_mullo_epi16(qb, k125), sb);
         if ((ea | eb) != 0) {
-            __mmask64 grey = 0;
+            __mmask16 g[4];
             for (int k = 0; k < 4; ++k)
-                grey |= static_cast<__mmask64>(_mm512_cmpeq_epi32_mask(px[k], _mm512_ror_epi32(px[k], 8))) << (16 * k);
+                g[k] = _mm512_cmpeq_epi32_mask(px[k], _mm512_ror_epi32(px[k], 8));
+            if ((g[0] & g[1] & g[2] & g[3]) == 0xFFFF) {
+                // All grey (a grey picture): every answer by value.
+                _mm512_storeu_si512(pDst, greyOfGrey(bytes));
+                continue;
+            }
+            const __mmask64 grey = static_cast<__mmask64>(g[0]) | static_cast<__mmask64>(g[1]) << 16
+                                 | static_cast<__mmask64>(g[2]) << 32 | static_cast<__mmask64>(g[3]) << 48;
             bytes = _mm512_mask_blend_epi8(grey, bytes, greyOfGrey(bytes));
             const int nOther = __builtin_popcount(ea) + __builtin_popcount(eb) - __builtin_popcountll(grey);
             if (nOther > 0) {
@@ -380,10 +389,11 @@ const YuvIndices* yuvIndices()
 
 // YUV to clamped BGR, 32 pixels (16 groups) a step. Only 0 .. 255 survives
 // the clamp, so for a sum x the byte is 0 when x < 0 and x / 1000 =
-// (x >> 3) / 125 otherwise: after the shift every sum that matters fits a
-// signed 16-bit lane (larger ones saturate to 32767, still above 255 * 125),
-// and the division is a multiply-high. The sums come from vpdpwssd on
-// (Y, U) and (Y, V) word pairs, exact in 32 bits.
+// (x >> 3) / 125 otherwise: the unsigned saturating pack of x >> 3 gives 0
+// for negative sums and keeps every other one that matters (larger ones
+// saturate to 65535, still above 255 * 125), and the division is a
+// multiply-high. The sums come from vpdpwssd on (Y, U) and (Y, V) word
+// pairs, exact in 32 bits.
 __attribute__((target("avx512vnni"))) void yuvToBgrVnni(int nType, const unsigned char* pSrc, unsigned char* pDst,
                                                       std::size_t nPairs)
 {
@@ -400,8 +410,8 @@ __attribute__((target("avx512vnni"))) void yuvToBgrVnni(int nType, const unsigne
     const __m512i cB = _mm512_set1_epi32(-1164 * 16 - 2018 * 128);
     const __m512i cG = _mm512_set1_epi32(-1164 * 16 + 813 * 128 + 380 * 128);
     const __m512i cR = _mm512_set1_epi32(-1164 * 16 - 1159 * 128);
-    const __m512i m125 = _mm512_set1_epi16(static_cast<short>(33555)), z = _mm512_setzero_si512();
-    auto quot = [&](__m512i w) { return _mm512_srli_epi16(_mm512_mulhi_epu16(_mm512_max_epi16(w, z), m125), 6); };
+    const __m512i m125 = _mm512_set1_epi16(static_cast<short>(33555));
+    auto quot = [&](__m512i w) { return _mm512_srli_epi16(_mm512_mulhi_epu16(w, m125), 6); };
     std::size_t i = 0;
     for (; i + 16 <= nPairs; i += 16, pSrc += 64, pDst += 96) {
         const __m512i x = _mm512_loadu_si512(pSrc);
@@ -413,8 +423,8 @@ __attribute__((target("avx512vnni"))) void yuvToBgrVnni(int nType, const unsigne
         const __m512i g1 = _mm512_srai_epi32(_mm512_dpwssd_epi32(_mm512_dpwssd_epi32(cG, u1, kGu), v1, kGv), 3);
         const __m512i r0 = _mm512_srai_epi32(_mm512_dpwssd_epi32(cR, v0, kR), 3);
         const __m512i r1 = _mm512_srai_epi32(_mm512_dpwssd_epi32(cR, v1, kR), 3);
-        const __m512i w0 = quot(_mm512_packs_epi32(b0, g0)), w1 = quot(_mm512_packs_epi32(r0, b1));
-        const __m512i w2 = quot(_mm512_packs_epi32(g1, r1));
+        const __m512i w0 = quot(_mm512_packus_epi32(b0, g0)), w1 = quot(_mm512_packus_epi32(r0, b1));
+        const __m512i w2 = quot(_mm512_packus_epi32(g1, r1));
         const __m512i p0 = _mm512_packus_epi16(w0, w1), p1 = _mm512_packus_epi16(w2, w2);
         _mm512_storeu_si512(pDst, _mm512_permutex2var_epi8(p0, out0, p1));
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst + 64),
