@@ -248,9 +248,13 @@ __attribute__((target("avx512vnni"))) void bgrToGrayVnni(const unsigned char* pS
     // Pixel 16 k + j of a block: bytes from 3 (16 k + j), counted from the
     // first of the two loads that the permute of quarter k reads (built once:
     // padded images come row by row).
+    // Channel c of pixel p is byte 3 p + c of the first two loads for
+    // p < 42, of the last two (from 64) for the others.
     static const struct ExpandIdx {
         alignas(64) unsigned char idx[4][64];
-        ExpandIdx()
+        alignas(64) unsigned char chanLo[3][64];
+        alignas(64) unsigned char chanHi[3][64];
+        ExpandIdx() : idx(), chanLo(), chanHi()
         {
             for (int k = 0; k < 4; ++k)
                 for (int j = 0; j < 16; ++j) {
@@ -259,9 +263,21 @@ __attribute__((target("avx512vnni"))) void bgrToGrayVnni(const unsigned char* pS
                     idx[k][4 * j + 1] = idx[k][4 * j + 3] = static_cast<unsigned char>(base + 1);
                     idx[k][4 * j + 2] = static_cast<unsigned char>(base + 2);
                 }
+            for (int c = 0; c < 3; ++c)
+                for (int p = 0; p < 64; ++p)
+                    (p < 42 ? chanLo : chanHi)[c][p] = static_cast<unsigned char>(3 * p + c - (p < 42 ? 0 : 64));
         }
     } s_expand;
     const auto& expandIdx = s_expand.idx;
+    const __mmask64 chanHiPixels = ~0ULL << 42;
+    auto channel = [&](int c, __m512i x0, __m512i x1, __m512i x2) {
+        return _mm512_mask_blend_epi8(chanHiPixels,
+                                      _mm512_permutex2var_epi8(x0, _mm512_load_si512(s_expand.chanLo[c]), x1),
+                                      _mm512_permutex2var_epi8(x1, _mm512_load_si512(s_expand.chanHi[c]), x2));
+    };
+    // Set after an all-grey block: the next one tries the cheap test first,
+    // so grey pictures skip the arithmetic and colour ones never pay for it.
+    bool bGreyRun = false;
     const __m512i e0 = _mm512_load_si512(expandIdx[0]), e1 = _mm512_load_si512(expandIdx[1]);
     const __m512i e2 = _mm512_load_si512(expandIdx[2]), e3 = _mm512_sub_epi8(_mm512_load_si512(expandIdx[3]), _mm512_set1_epi8(64));
     const __m512i order = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
@@ -270,6 +286,14 @@ __attribute__((target("avx512vnni"))) void bgrToGrayVnni(const unsigned char* pS
     std::size_t i = 0;
     for (; i + 64 <= n; i += 64, pSrc += 192, pDst += 64) {
         const __m512i x0 = _mm512_loadu_si512(pSrc), x1 = _mm512_loadu_si512(pSrc + 64), x2 = _mm512_loadu_si512(pSrc + 128);
+        if (bGreyRun) {
+            const __m512i b = channel(0, x0, x1, x2), g = channel(1, x0, x1, x2), r = channel(2, x0, x1, x2);
+            if ((_mm512_cmpeq_epi8_mask(b, g) & _mm512_cmpeq_epi8_mask(g, r)) == ~0ULL) {
+                _mm512_storeu_si512(pDst, greyOfGrey(b));
+                continue;
+            }
+            bGreyRun = false;
+        }
         __m512i px[4], s8[4], t7[4];
         px[0] = _mm512_permutexvar_epi8(e0, x0);
         px[1] = _mm512_permutex2var_epi8(x0, e1, x1);
@@ -299,6 +323,7 @@ __attribute__((target("avx512vnni"))) void bgrToGrayVnni(const unsigned char* pS
             if ((g[0] & g[1] & g[2] & g[3]) == 0xFFFF) {
                 // All grey (a grey picture): every answer by value.
                 _mm512_storeu_si512(pDst, greyOfGrey(bytes));
+                bGreyRun = true;
                 continue;
             }
             const __mmask64 grey = static_cast<__mmask64>(g[0]) | static_cast<__mmask64>(g[1]) << 16
