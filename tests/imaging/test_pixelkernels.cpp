@@ -103,19 +103,28 @@ TEST(PixelKernels, WeightedGreyAndDriverGreyMatchReferenceOnAllInputs)
 
 // In a grey picture every pixel is an exact quotient, which sends whole
 // blocks down the double-precision path rather than single lanes.
-TEST(PixelKernels, GreyPicturesMatchReference)
+TEST(PixelKernels, GreyPicturesAndColourRunsMatchReference)
 {
-    std::vector<unsigned char> src(3 * 1024), want(1024), got(1024);
-    for (std::size_t i = 0; i < 1024; ++i)
-        src[3 * i] = src[3 * i + 1] = src[3 * i + 2] = static_cast<unsigned char>(i * 5 / 4);
-    ref::dibToGray(src.data(), want.data(), 1024, 1, 0);
+    // Runs of grey pixels (which take shortcuts) broken by runs of colour at
+    // offsets that are not multiples of any vector width.
+    const std::size_t n = 4096;
+    std::vector<unsigned char> src(3 * n), want(n), got(n);
+    unsigned state = 12345;
+    for (std::size_t i = 0; i < n; ++i) {
+        const bool colour = (i / 97) % 3 == 2;
+        for (int c = 0; c < 3; ++c) {
+            state = state * 1103515245u + 12345u;
+            src[3 * i + c] = colour ? static_cast<unsigned char>(state >> 16) : static_cast<unsigned char>(i * 5 / 4);
+        }
+    }
+    ref::dibToGray(src.data(), want.data(), static_cast<int>(n), 1, 0);
     for (const PixelKernels* k : kernelSets()) {
-        k->bgrToGray(src.data(), got.data(), 1024);
+        k->bgrToGray(src.data(), got.data(), n);
         EXPECT_EQ(got, want) << k->pszName;
     }
-    ref::transferGrey3To1(src.data(), want.data(), 1024, nullptr);
+    ref::transferGrey3To1(src.data(), want.data(), n, nullptr);
     for (const PixelKernels* k : kernelSets()) {
-        k->grey3To1(src.data(), got.data(), 1024);
+        k->grey3To1(src.data(), got.data(), n);
         EXPECT_EQ(got, want) << k->pszName;
     }
 }
