@@ -71,6 +71,23 @@ void showSettings(Ui_WebCamConfigDlg* ui, const CCDIF::CCDSettings& cSettings)
     ui->edtGain->setText(QString::asprintf("%d", cSettings.nGain));
 }
 
+// Takes the white balance from the sliders (position / 100).
+void readWhiteBalance(Ui_WebCamConfigDlg* ui, CCDIF::CCDSettings& cSettings)
+{
+    cSettings.fWhiteBalanceR = sliderToFactor(ui->sldWBR->value());
+    cSettings.fWhiteBalanceG = sliderToFactor(ui->sldWBG->value());
+    cSettings.fWhiteBalanceB = sliderToFactor(ui->sldWBB->value());
+}
+
+// Takes white balance, gamma (not limited), exposure and gain from their widgets.
+void readSettings(Ui_WebCamConfigDlg* ui, CCDIF::CCDSettings& cSettings)
+{
+    readWhiteBalance(ui, cSettings);
+    cSettings.fGamma = ui->edtGamma->text().toFloat();
+    cSettings.nExposure = ui->edtExposure->text().toInt(nullptr, 10);
+    cSettings.nGain = ui->edtGain->text().toInt(nullptr, 10);
+}
+
 // The combo index is the <PixFmt> code; only "BGR" (1) carries colour.
 const int gnColourPixelTypeIndex = 1;
 
@@ -128,9 +145,7 @@ bool WebCamConfigDlg::createConfigStr()
     m_strConfig = "";
 
     CCDIF::CCDSettings cSettings;
-    cSettings.fWhiteBalanceR = sliderToFactor(ui->sldWBR->value());
-    cSettings.fWhiteBalanceG = sliderToFactor(ui->sldWBG->value());
-    cSettings.fWhiteBalanceB = sliderToFactor(ui->sldWBB->value());
+    readWhiteBalance(ui, cSettings);
 
     // Gamma is the one value limited here; the edit shows what was written.
     float fGamma = ui->edtGamma->text().toFloat();
@@ -276,12 +291,7 @@ void WebCamConfigDlg::on_btnOpenCCD_clicked()
 
     CCDIF::CCDSettings cSettings;
     if (m_bSettingsLoaded) {
-        cSettings.fWhiteBalanceR = sliderToFactor(ui->sldWBR->value());
-        cSettings.fWhiteBalanceG = sliderToFactor(ui->sldWBG->value());
-        cSettings.fWhiteBalanceB = sliderToFactor(ui->sldWBB->value());
-        cSettings.fGamma = ui->edtGamma->text().toFloat();
-        cSettings.nExposure = ui->edtExposure->text().toInt(nullptr, 10);
-        cSettings.nGain = ui->edtGain->text().toInt(nullptr, 10);
+        readSettings(ui, cSettings);
     } else {
         // Without a loaded configuration the camera keeps what it has.
         m_pCCD->getCurSettings(&cSettings);
@@ -339,12 +349,7 @@ void WebCamConfigDlg::on_btnApply_clicked()
 
     CCDIF::CCDSettings cSettings;
     cSettings.eTriggerType = triggerFromIndex(ui->cmbTriggerMode->currentIndex());
-    cSettings.fWhiteBalanceR = sliderToFactor(ui->sldWBR->value());
-    cSettings.fWhiteBalanceG = sliderToFactor(ui->sldWBG->value());
-    cSettings.fWhiteBalanceB = sliderToFactor(ui->sldWBB->value());
-    cSettings.fGamma = ui->edtGamma->text().toFloat();
-    cSettings.nExposure = ui->edtExposure->text().toInt(nullptr, 10);
-    cSettings.nGain = ui->edtGain->text().toInt(nullptr, 10);
+    readSettings(ui, cSettings);
 
     m_pCCD->applyNewSettings(cSettings);
     refreshParam();
@@ -508,9 +513,7 @@ void WebCamConfigDlg::on_btnAutoWB_clicked()
     pFrame.reset();
 
     // Never leave the camera at the measuring gains.
-    cSettings.fWhiteBalanceR = sliderToFactor(ui->sldWBR->value());
-    cSettings.fWhiteBalanceG = sliderToFactor(ui->sldWBG->value());
-    cSettings.fWhiteBalanceB = sliderToFactor(ui->sldWBB->value());
+    readWhiteBalance(ui, cSettings);
     m_pCCD->applyNewSettings(cSettings);
 }
 
