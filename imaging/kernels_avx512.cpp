@@ -361,7 +361,7 @@ bool hasVnni()
 {
     static const bool s_bVnni = [] {
         __builtin_cpu_init();
-        return __builtin_cpu_supports("avx512vnni");
+        return __builtin_cpu_supports("avx512vnni") && __builtin_cpu_supports("bmi2");
     }();
     return s_bVnni;
 }
@@ -371,40 +371,52 @@ void bgrToGrayBest(const unsigned char* pSrc, unsigned char* pDst, std::size_t n
     (hasVnni() ? bgrToGrayVnni : bgrToGray)(pSrc, pDst, n);
 }
 
-// Byte permutes of the YUV kernel for each type (it runs row by row, so
-// they are built once): (Y, U) and (Y, V) word pairs of pixels 0 .. 15 and
-// 16 .. 31 of 16 groups, and the 96 output bytes from the two packed vectors.
-struct YuvIndices {
-    alignas(64) unsigned char yu[2][64];
-    alignas(64) unsigned char yv[2][64];
+// The VNNI YUV kernels take 16 groups (32 pixels) from one 64-byte load. The
+// even bytes of each group, masked, and the odd ones, shifted down, are two
+// word pairs: both lumas and both chromas, in an order that depends on the
+// type. Every sum then comes from vpdpwssd: the chroma part once per group,
+// the luma part per pixel on top of it. Lane i of the "first" sums is the
+// pixel of group i's first luma word, of the "second" sums the other one.
+struct YuvVnniType {
+    bool bLumaOdd;   // lumas in bytes 1 and 3
+    int nFirst;      // 0: the first luma word is the left pixel, 1: the right
+    unsigned kCb, kCg, kCr; // chroma coefficient word pairs
+    // Byte permutes: BGR output from the packed channels, grey output.
     alignas(64) unsigned char out[2][64];
+    alignas(64) unsigned char grey[64];
 };
 
-const YuvIndices* yuvIndices()
+unsigned wordPair(int lo, int hi)
+{
+    return static_cast<unsigned>(static_cast<unsigned short>(hi)) << 16 | static_cast<unsigned short>(lo);
+}
+
+const YuvVnniType* yuvVnniTypes()
 {
     static const struct Table {
-        YuvIndices type[4];
+        YuvVnniType type[4];
         Table() : type()
         {
             for (int n = 0; n < 4; ++n) {
                 const unsigned char* pos = scalar::kGroupPos[n];
-                YuvIndices& t = type[n];
-                for (int h = 0; h < 2; ++h)
-                    for (int j = 0; j < 16; ++j) {
-                        const int p = 16 * h + j, base = 4 * (p / 2);
-                        t.yu[h][4 * j] = t.yv[h][4 * j] = static_cast<unsigned char>(base + pos[p % 2 == 0 ? 0 : 2]);
-                        t.yu[h][4 * j + 2] = static_cast<unsigned char>(base + pos[1]);
-                        t.yv[h][4 * j + 2] = static_cast<unsigned char>(base + pos[3]);
-                    }
-                // After the packs, lane L of p0 holds B, G, R of pixel 4 L + m
-                // at 16 L + m, + 4, + 8 and B of pixel 16 + 4 L + m at + 12;
-                // lane L of p1 holds G and R of pixel 16 + 4 L + m at 16 L + m
-                // and + 4 (index 64 is p1's first byte).
+                YuvVnniType& t = type[n];
+                t.bLumaOdd = pos[0] % 2 == 1;
+                t.nFirst = pos[0] < pos[2] ? 0 : 1;
+                const bool bVFirst = pos[3] < pos[1];
+                auto chroma = [&](int u, int v) { return bVFirst ? wordPair(v, u) : wordPair(u, v); };
+                t.kCb = chroma(2018, 0);
+                t.kCg = chroma(-380, -813);
+                t.kCr = chroma(0, 1159);
+                // After the packs, lane L holds, for groups 4 L + m, the first
+                // pixels at byte 16 L + m and the second ones at + 4: B, and G
+                // 8 bytes on, in the first vector; R in the second (from 64).
                 for (int p = 0; p < 32; ++p) {
-                    const int j = p % 16, at = 16 * (j / 4) + j % 4;
-                    const int idx[3] = {p < 16 ? at : at + 12, p < 16 ? at + 4 : 64 + at, p < 16 ? at + 8 : 64 + at + 4};
+                    const int j = p / 2;
+                    const int at = 16 * (j / 4) + j % 4 + (p % 2 == t.nFirst ? 0 : 4);
+                    const int idx[3] = {at, at + 8, 64 + at};
                     for (int c = 0; c < 3; ++c)
                         t.out[(3 * p + c) / 64][(3 * p + c) % 64] = static_cast<unsigned char>(idx[c]);
+                    t.grey[p] = static_cast<unsigned char>(at);
                 }
             }
         }
@@ -412,45 +424,55 @@ const YuvIndices* yuvIndices()
     return s_table.type;
 }
 
-// YUV to clamped BGR, 32 pixels (16 groups) a step. Only 0 .. 255 survives
-// the clamp, so for a sum x the byte is 0 when x < 0 and x / 1000 =
-// (x >> 3) / 125 otherwise: the unsigned saturating pack of x >> 3 gives 0
-// for negative sums and keeps every other one that matters (larger ones
-// saturate to 65535, still above 255 * 125), and the division is a
-// multiply-high. The sums come from vpdpwssd on (Y, U) and (Y, V) word
-// pairs, exact in 32 bits.
-__attribute__((target("avx512vnni"))) void yuvToBgrVnni(int nType, const unsigned char* pSrc, unsigned char* pDst,
-                                                      std::size_t nPairs)
+// The chroma and luma word pairs of 16 groups.
+inline void yuvWords(const unsigned char* pSrc, bool bLumaOdd, __m512i& luma, __m512i& chroma)
 {
-    const YuvIndices& t = yuvIndices()[nType];
-    const __m512i yu0 = _mm512_load_si512(t.yu[0]), yu1 = _mm512_load_si512(t.yu[1]);
-    const __m512i yv0 = _mm512_load_si512(t.yv[0]), yv1 = _mm512_load_si512(t.yv[1]);
+    const __m512i x = _mm512_loadu_si512(pSrc);
+    const __m512i even = _mm512_and_si512(x, _mm512_set1_epi16(0xFF)), odd = _mm512_srli_epi16(x, 8);
+    luma = bLumaOdd ? odd : even;
+    chroma = bLumaOdd ? even : odd;
+}
+
+// Pixel-order bit mask from the lane masks of the first and second sums.
+__attribute__((target("bmi2"))) inline unsigned pixelMask(unsigned first, unsigned second, int nFirst)
+{
+    const unsigned a = _pdep_u32(first, 0x55555555u), b = _pdep_u32(second, 0x55555555u);
+    return nFirst == 0 ? (a | b << 1) : (a << 1 | b);
+}
+
+// YUV to clamped BGR. Only 0 .. 255 survives the clamp, so for a sum x the
+// byte is 0 when x < 0 and x / 1000 = (x >> 3) / 125 otherwise: the unsigned
+// saturating pack of x >> 3 gives 0 for negative sums and keeps every other
+// one that matters (larger ones saturate to 65535, still above 255 * 125),
+// and the division is a multiply-high.
+__attribute__((target("avx512vnni,bmi2"))) void yuvToBgrVnni(int nType, const unsigned char* pSrc,
+                                                           unsigned char* pDst, std::size_t nPairs)
+{
+    const YuvVnniType& t = yuvVnniTypes()[nType];
     const __m512i out0 = _mm512_load_si512(t.out[0]), out1 = _mm512_load_si512(t.out[1]);
-    const __mmask64 even = 0x5555555555555555ULL;
-    auto pair = [](int lo, int hi) {
-        return _mm512_set1_epi32(static_cast<int>((static_cast<unsigned>(static_cast<unsigned short>(hi)) << 16)
-                                                  | static_cast<unsigned short>(lo)));
-    };
-    const __m512i kB = pair(1164, 2018), kGu = pair(1164, -380), kGv = pair(0, -813), kR = pair(1164, 1159);
+    const __m512i kCb = _mm512_set1_epi32(static_cast<int>(t.kCb)), kCg = _mm512_set1_epi32(static_cast<int>(t.kCg));
+    const __m512i kCr = _mm512_set1_epi32(static_cast<int>(t.kCr));
+    const __m512i kY1 = _mm512_set1_epi32(static_cast<int>(wordPair(1164, 0)));
+    const __m512i kY2 = _mm512_set1_epi32(static_cast<int>(wordPair(0, 1164)));
     const __m512i cB = _mm512_set1_epi32(-1164 * 16 - 2018 * 128);
     const __m512i cG = _mm512_set1_epi32(-1164 * 16 + 813 * 128 + 380 * 128);
     const __m512i cR = _mm512_set1_epi32(-1164 * 16 - 1159 * 128);
     const __m512i m125 = _mm512_set1_epi16(static_cast<short>(33555));
-    auto quot = [&](__m512i w) { return _mm512_srli_epi16(_mm512_mulhi_epu16(w, m125), 6); };
+    auto quot = [&](__m512i a, __m512i b) {
+        const __m512i w = _mm512_packus_epi32(_mm512_srai_epi32(a, 3), _mm512_srai_epi32(b, 3));
+        return _mm512_srli_epi16(_mm512_mulhi_epu16(w, m125), 6);
+    };
     std::size_t i = 0;
     for (; i + 16 <= nPairs; i += 16, pSrc += 64, pDst += 96) {
-        const __m512i x = _mm512_loadu_si512(pSrc);
-        const __m512i u0 = _mm512_maskz_permutexvar_epi8(even, yu0, x), v0 = _mm512_maskz_permutexvar_epi8(even, yv0, x);
-        const __m512i u1 = _mm512_maskz_permutexvar_epi8(even, yu1, x), v1 = _mm512_maskz_permutexvar_epi8(even, yv1, x);
-        const __m512i b0 = _mm512_srai_epi32(_mm512_dpwssd_epi32(cB, u0, kB), 3);
-        const __m512i b1 = _mm512_srai_epi32(_mm512_dpwssd_epi32(cB, u1, kB), 3);
-        const __m512i g0 = _mm512_srai_epi32(_mm512_dpwssd_epi32(_mm512_dpwssd_epi32(cG, u0, kGu), v0, kGv), 3);
-        const __m512i g1 = _mm512_srai_epi32(_mm512_dpwssd_epi32(_mm512_dpwssd_epi32(cG, u1, kGu), v1, kGv), 3);
-        const __m512i r0 = _mm512_srai_epi32(_mm512_dpwssd_epi32(cR, v0, kR), 3);
-        const __m512i r1 = _mm512_srai_epi32(_mm512_dpwssd_epi32(cR, v1, kR), 3);
-        const __m512i w0 = quot(_mm512_packus_epi32(b0, g0)), w1 = quot(_mm512_packus_epi32(r0, b1));
-        const __m512i w2 = quot(_mm512_packus_epi32(g1, r1));
-        const __m512i p0 = _mm512_packus_epi16(w0, w1), p1 = _mm512_packus_epi16(w2, w2);
+        __m512i luma, chroma;
+        yuvWords(pSrc, t.bLumaOdd, luma, chroma);
+        const __m512i sb = _mm512_dpwssd_epi32(cB, chroma, kCb);
+        const __m512i sg = _mm512_dpwssd_epi32(cG, chroma, kCg);
+        const __m512i sr = _mm512_dpwssd_epi32(cR, chroma, kCr);
+        const __m512i b = quot(_mm512_dpwssd_epi32(sb, luma, kY1), _mm512_dpwssd_epi32(sb, luma, kY2));
+        const __m512i g = quot(_mm512_dpwssd_epi32(sg, luma, kY1), _mm512_dpwssd_epi32(sg, luma, kY2));
+        const __m512i r = quot(_mm512_dpwssd_epi32(sr, luma, kY1), _mm512_dpwssd_epi32(sr, luma, kY2));
+        const __m512i p0 = _mm512_packus_epi16(b, g), p1 = _mm512_packus_epi16(r, r);
         _mm512_storeu_si512(pDst, _mm512_permutex2var_epi8(p0, out0, p1));
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst + 64),
                             _mm512_castsi512_si256(_mm512_permutex2var_epi8(p0, out1, p1)));
@@ -458,15 +480,97 @@ __attribute__((target("avx512vnni"))) void yuvToBgrVnni(int nType, const unsigne
     avx2::yuvToBgr(nType, pSrc, pDst, nPairs - i);
 }
 
+// YUV to grey of the unclamped colour. In single precision, x * 0.001f
+// truncated is exactly x / 1000 truncated for every integer sum here (0.001f
+// is a little above 0.001 and the sums stay far below 2^24), and the weighted
+// sum W = 587 g + 299 r + 114 b of the truncated channels is exact. Where W
+// is a multiple of 1000 the double-precision rule may give one less: grey
+// pixels (all channels equal) take their answer from the table by value,
+// any other such pixel (about one in a thousand) is redone by the rule.
+__attribute__((target("avx512vnni,bmi2"))) void yuvToGrayVnni(int nType, const unsigned char* pSrc,
+                                                            unsigned char* pDst, std::size_t nPairs)
+{
+    const YuvVnniType& t = yuvVnniTypes()[nType];
+    const unsigned char* pos = scalar::kGroupPos[nType];
+    const Lut greyOfGrey(grey3OfGrey().weighted);
+    const __m512i order = _mm512_load_si512(t.grey);
+    const __m512i kCb = _mm512_set1_epi32(static_cast<int>(t.kCb)), kCg = _mm512_set1_epi32(static_cast<int>(t.kCg));
+    const __m512i kCr = _mm512_set1_epi32(static_cast<int>(t.kCr));
+    const __m512i kY1 = _mm512_set1_epi32(static_cast<int>(wordPair(1164, 0)));
+    const __m512i kY2 = _mm512_set1_epi32(static_cast<int>(wordPair(0, 1164)));
+    const __m512i cB = _mm512_set1_epi32(-1164 * 16 - 2018 * 128);
+    const __m512i cG = _mm512_set1_epi32(-1164 * 16 + 813 * 128 + 380 * 128);
+    const __m512i cR = _mm512_set1_epi32(-1164 * 16 - 1159 * 128);
+    const __m512 milli = _mm512_set1_ps(0.001f);
+    const int kTrunc = _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC;
+    auto channel = [&](__m512i s) { return _mm512_roundscale_ps(_mm512_mul_ps(_mm512_cvtepi32_ps(s), milli), kTrunc); };
+    struct Lanes {
+        __m512 b, g, r, w, q;
+        __mmask16 exact;
+    };
+    auto grey = [&](__m512i sb, __m512i sg, __m512i sr) {
+        Lanes l;
+        l.b = channel(sb);
+        l.g = channel(sg);
+        l.r = channel(sr);
+        l.w = _mm512_fmadd_ps(l.b, _mm512_set1_ps(114.0f),
+                              _mm512_fmadd_ps(l.r, _mm512_set1_ps(299.0f), _mm512_mul_ps(l.g, _mm512_set1_ps(587.0f))));
+        l.q = _mm512_roundscale_ps(_mm512_mul_ps(l.w, milli), kTrunc);
+        l.exact = _mm512_cmp_ps_mask(_mm512_mul_ps(l.q, _mm512_set1_ps(1000.0f)), l.w, _CMP_EQ_OQ);
+        return l;
+    };
+    // Exact lanes whose quotient is 1 .. 255 (elsewhere one less clamps to
+    // the same byte), split into grey pixels and the others.
+    auto needsFix = [](const Lanes& l, __mmask16& greyLanes) {
+        const __mmask16 m = _mm512_mask_cmp_ps_mask(_mm512_mask_cmp_ps_mask(l.exact, l.q, _mm512_set1_ps(1.0f), _CMP_GE_OQ),
+                                                    l.q, _mm512_set1_ps(255.0f), _CMP_LE_OQ);
+        greyLanes = _mm512_mask_cmp_ps_mask(_mm512_mask_cmp_ps_mask(m, l.b, l.g, _CMP_EQ_OQ), l.g, l.r, _CMP_EQ_OQ);
+        return m;
+    };
+    std::size_t i = 0;
+    for (; i + 16 <= nPairs; i += 16, pSrc += 64, pDst += 32) {
+        __m512i luma, chroma;
+        yuvWords(pSrc, t.bLumaOdd, luma, chroma);
+        const __m512i sb = _mm512_dpwssd_epi32(cB, chroma, kCb);
+        const __m512i sg = _mm512_dpwssd_epi32(cG, chroma, kCg);
+        const __m512i sr = _mm512_dpwssd_epi32(cR, chroma, kCr);
+        const Lanes a = grey(_mm512_dpwssd_epi32(sb, luma, kY1), _mm512_dpwssd_epi32(sg, luma, kY1),
+                             _mm512_dpwssd_epi32(sr, luma, kY1));
+        const Lanes b = grey(_mm512_dpwssd_epi32(sb, luma, kY2), _mm512_dpwssd_epi32(sg, luma, kY2),
+                             _mm512_dpwssd_epi32(sr, luma, kY2));
+        const __m512i w = _mm512_packs_epi32(_mm512_cvttps_epi32(a.q), _mm512_cvttps_epi32(b.q));
+        __m512i bytes = _mm512_permutexvar_epi8(order, _mm512_packus_epi16(w, w));
+        if ((a.exact | b.exact) != 0) {
+            __mmask16 ga, gb;
+            const __mmask16 na = needsFix(a, ga), nb = needsFix(b, gb);
+            bytes = _mm512_mask_blend_epi8(pixelMask(ga, gb, t.nFirst), bytes, greyOfGrey(bytes));
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst), _mm512_castsi512_si256(bytes));
+            for (unsigned m = pixelMask(na & ~ga, nb & ~gb, t.nFirst); m != 0; m &= m - 1) {
+                const int p = __builtin_ctz(m);
+                const unsigned char* g = pSrc + 4 * (p / 2);
+                pDst[p] = scalar::yuvPixelGray(g[pos[p % 2 == 0 ? 0 : 2]], g[pos[1]], g[pos[3]]);
+            }
+            continue;
+        }
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst), _mm512_castsi512_si256(bytes));
+    }
+    avx2::yuvToGray(nType, pSrc, pDst, nPairs - i);
+}
+
 void yuvToBgrBest(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs)
 {
     (hasVnni() ? yuvToBgrVnni : avx2::yuvToBgr)(nType, pSrc, pDst, nPairs);
 }
 
+void yuvToGrayBest(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs)
+{
+    (hasVnni() ? yuvToGrayVnni : avx2::yuvToGray)(nType, pSrc, pDst, nPairs);
+}
+
 } // namespace
 
 const PixelKernels kKernels = {
-    "avx512vbmi", yuvToBgrBest, avx2::yuvToGray, bgrToGrayBest, expand3, avx2::swapRB, lutCopy, grey3To1,
+    "avx512vbmi", yuvToBgrBest, yuvToGrayBest, bgrToGrayBest, expand3, avx2::swapRB, lutCopy, grey3To1,
 };
 
 } // namespace avx512
