@@ -16,7 +16,7 @@ bool cpuHasAvx512Vbmi()
 {
     __builtin_cpu_init();
     return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("avx512bw")
-        && __builtin_cpu_supports("avx512vbmi");
+        && __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vbmi");
 }
 #endif
 

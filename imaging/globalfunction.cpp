@@ -105,6 +105,11 @@ void GlobalFunction::PixelFormat_YUV422Packed_To_DIB(YUV422_Type eType, const un
     const long nStride = static_cast<long>(dibStride(nWidth));
     // Only whole pairs: an odd last pixel has no complete group behind it.
     const long nPixels = static_cast<long>(nWidth) * nHeight / 2 * 2;
+    if (nStride == 3L * nWidth) {
+        // No row padding: the pixels are one run in the destination too.
+        k.yuvToBgr(nType, pSrc, pDst, static_cast<std::size_t>(nPixels / 2));
+        return;
+    }
     // The pixel stream runs on across rows, so a pair may straddle two rows.
     for (long nRow = 0, p = 0; p < nPixels; ++nRow) {
         const long nEnd = std::min(p + nWidth, nPixels);

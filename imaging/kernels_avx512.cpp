@@ -1,6 +1,6 @@
-// Table lookups with AVX-512 VBMI (compiled with -mavx512bw -mavx512vbmi, only
-// called when the processor has both): two 128-byte permutes and a blend
-// replace the 31-step AVX2 lookup. The driver's grey uses the byte permutes
+// Table lookups with AVX-512 VBMI (compiled with -mavx512bw -mavx512dq
+// -mavx512vbmi, only called when the processor has all three): two 128-byte
+// permutes and a blend replace the 31-step AVX2 lookup. The driver's grey uses the byte permutes
 // too. When the processor also has VNNI (checked apart, at first use), the
 // weighted grey and YUV to BGR use its dot products; everything else is the
 // AVX2 set.
@@ -462,16 +462,18 @@ __attribute__((target("avx512vnni,bmi2"))) void yuvToBgrVnni(int nType, const un
         const __m512i w = _mm512_packus_epi32(_mm512_srai_epi32(a, 3), _mm512_srai_epi32(b, 3));
         return _mm512_srli_epi16(_mm512_mulhi_epu16(w, m125), 6);
     };
+    const bool bLumaOdd = t.bLumaOdd;
     std::size_t i = 0;
     for (; i + 16 <= nPairs; i += 16, pSrc += 64, pDst += 96) {
         __m512i luma, chroma;
-        yuvWords(pSrc, t.bLumaOdd, luma, chroma);
+        yuvWords(pSrc, bLumaOdd, luma, chroma);
+        const __m512i y1 = _mm512_madd_epi16(luma, kY1), y2 = _mm512_madd_epi16(luma, kY2);
         const __m512i sb = _mm512_dpwssd_epi32(cB, chroma, kCb);
         const __m512i sg = _mm512_dpwssd_epi32(cG, chroma, kCg);
         const __m512i sr = _mm512_dpwssd_epi32(cR, chroma, kCr);
-        const __m512i b = quot(_mm512_dpwssd_epi32(sb, luma, kY1), _mm512_dpwssd_epi32(sb, luma, kY2));
-        const __m512i g = quot(_mm512_dpwssd_epi32(sg, luma, kY1), _mm512_dpwssd_epi32(sg, luma, kY2));
-        const __m512i r = quot(_mm512_dpwssd_epi32(sr, luma, kY1), _mm512_dpwssd_epi32(sr, luma, kY2));
+        const __m512i b = quot(_mm512_add_epi32(sb, y1), _mm512_add_epi32(sb, y2));
+        const __m512i g = quot(_mm512_add_epi32(sg, y1), _mm512_add_epi32(sg, y2));
+        const __m512i r = quot(_mm512_add_epi32(sr, y1), _mm512_add_epi32(sr, y2));
         const __m512i p0 = _mm512_packus_epi16(b, g), p1 = _mm512_packus_epi16(r, r);
         _mm512_storeu_si512(pDst, _mm512_permutex2var_epi8(p0, out0, p1));
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst + 64),
@@ -503,9 +505,10 @@ __attribute__((target("avx512vnni,bmi2"))) void yuvToGrayVnni(int nType, const u
     const __m512i cR = _mm512_set1_epi32(-1164 * 16 - 1159 * 128);
     const __m512 milli = _mm512_set1_ps(0.001f);
     const int kTrunc = _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC;
+    const __m512i halfMilli = _mm512_set1_epi32(0x3A03126F); // 0.0005f
     auto channel = [&](__m512i s) { return _mm512_roundscale_ps(_mm512_mul_ps(_mm512_cvtepi32_ps(s), milli), kTrunc); };
     struct Lanes {
-        __m512 b, g, r, w, q;
+        __m512 b, g, r, w, x;
         __mmask16 exact;
     };
     auto grey = [&](__m512i sb, __m512i sg, __m512i sr) {
@@ -515,30 +518,34 @@ __attribute__((target("avx512vnni,bmi2"))) void yuvToGrayVnni(int nType, const u
         l.r = channel(sr);
         l.w = _mm512_fmadd_ps(l.b, _mm512_set1_ps(114.0f),
                               _mm512_fmadd_ps(l.r, _mm512_set1_ps(299.0f), _mm512_mul_ps(l.g, _mm512_set1_ps(587.0f))));
-        l.q = _mm512_roundscale_ps(_mm512_mul_ps(l.w, milli), kTrunc);
-        l.exact = _mm512_cmp_ps_mask(_mm512_mul_ps(l.q, _mm512_set1_ps(1000.0f)), l.w, _CMP_EQ_OQ);
+        // W / 1000 has a fraction of at least 0.001 unless W is a multiple of
+        // 1000, where x lands on the quotient or just above it. As bits, the
+        // fractions below 0.0005 are the small non-negative ones.
+        l.x = _mm512_mul_ps(l.w, milli);
+        l.exact = _mm512_cmplt_epu32_mask(_mm512_castps_si512(_mm512_reduce_ps(l.x, kTrunc)), halfMilli);
         return l;
     };
     // Exact lanes whose quotient is 1 .. 255 (elsewhere one less clamps to
     // the same byte), split into grey pixels and the others.
     auto needsFix = [](const Lanes& l, __mmask16& greyLanes) {
-        const __mmask16 m = _mm512_mask_cmp_ps_mask(_mm512_mask_cmp_ps_mask(l.exact, l.q, _mm512_set1_ps(1.0f), _CMP_GE_OQ),
-                                                    l.q, _mm512_set1_ps(255.0f), _CMP_LE_OQ);
+        const __m512 q = _mm512_roundscale_ps(l.x, kTrunc);
+        const __mmask16 m = _mm512_mask_cmp_ps_mask(_mm512_mask_cmp_ps_mask(l.exact, q, _mm512_set1_ps(1.0f), _CMP_GE_OQ),
+                                                    q, _mm512_set1_ps(255.0f), _CMP_LE_OQ);
         greyLanes = _mm512_mask_cmp_ps_mask(_mm512_mask_cmp_ps_mask(m, l.b, l.g, _CMP_EQ_OQ), l.g, l.r, _CMP_EQ_OQ);
         return m;
     };
+    const bool bLumaOdd = t.bLumaOdd;
     std::size_t i = 0;
     for (; i + 16 <= nPairs; i += 16, pSrc += 64, pDst += 32) {
         __m512i luma, chroma;
-        yuvWords(pSrc, t.bLumaOdd, luma, chroma);
+        yuvWords(pSrc, bLumaOdd, luma, chroma);
         const __m512i sb = _mm512_dpwssd_epi32(cB, chroma, kCb);
         const __m512i sg = _mm512_dpwssd_epi32(cG, chroma, kCg);
         const __m512i sr = _mm512_dpwssd_epi32(cR, chroma, kCr);
-        const Lanes a = grey(_mm512_dpwssd_epi32(sb, luma, kY1), _mm512_dpwssd_epi32(sg, luma, kY1),
-                             _mm512_dpwssd_epi32(sr, luma, kY1));
-        const Lanes b = grey(_mm512_dpwssd_epi32(sb, luma, kY2), _mm512_dpwssd_epi32(sg, luma, kY2),
-                             _mm512_dpwssd_epi32(sr, luma, kY2));
-        const __m512i w = _mm512_packs_epi32(_mm512_cvttps_epi32(a.q), _mm512_cvttps_epi32(b.q));
+        const __m512i y1 = _mm512_madd_epi16(luma, kY1), y2 = _mm512_madd_epi16(luma, kY2);
+        const Lanes a = grey(_mm512_add_epi32(sb, y1), _mm512_add_epi32(sg, y1), _mm512_add_epi32(sr, y1));
+        const Lanes b = grey(_mm512_add_epi32(sb, y2), _mm512_add_epi32(sg, y2), _mm512_add_epi32(sr, y2));
+        const __m512i w = _mm512_packs_epi32(_mm512_cvttps_epi32(a.x), _mm512_cvttps_epi32(b.x));
         __m512i bytes = _mm512_permutexvar_epi8(order, _mm512_packus_epi16(w, w));
         if ((a.exact | b.exact) != 0) {
             __mmask16 ga, gb;
