@@ -1,9 +1,9 @@
 // Table lookups with AVX-512 VBMI (compiled with -mavx512bw -mavx512dq
 // -mavx512vbmi, only called when the processor has all three): two 128-byte
-// permutes and a blend replace the 31-step AVX2 lookup. The driver's grey uses the byte permutes
-// too. When the processor also has VNNI (checked apart, at first use), the
-// weighted grey and YUV to BGR use its dot products; everything else is the
-// AVX2 set.
+// permutes and a blend replace the 31-step AVX2 lookup. The driver's grey
+// uses the byte permutes too. When the processor also has VNNI (checked
+// apart, at first use), the weighted grey and both YUV conversions use its
+// dot products; everything else is the AVX2 set.
 
 #include "imaging/convertkernels.h"
 #include "imaging/convertreference.h"

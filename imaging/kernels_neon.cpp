@@ -2,7 +2,8 @@
 // exactness arguments as for the x86 sets hold (single-precision arithmetic on
 // integers below 2^24, truncating conversion); 32-bit NEON has no double
 // precision, so the few grey values that double rounding decides (exact
-// quotients) are recomputed by the scalar rule, lane by lane.
+// quotients) are looked up by value for grey pixels and recomputed by the
+// scalar rule, lane by lane, for the others.
 
 #if defined(__ARM_NEON)
 
@@ -16,6 +17,29 @@ namespace kavrel {
 namespace neon {
 
 namespace {
+
+// The rule's answers for grey pixels (all three bytes v), by v: grey
+// pictures hit the exact-quotient case on every pixel, and a table look-up is
+// far cheaper than the double-precision rule on VFP.
+struct GreyOfGrey {
+    unsigned char weighted[256];
+    unsigned char grey3[256];
+    GreyOfGrey()
+    {
+        for (int v = 0; v < 256; ++v) {
+            const unsigned char p[3] = {static_cast<unsigned char>(v), static_cast<unsigned char>(v),
+                                        static_cast<unsigned char>(v)};
+            weighted[v] = static_cast<unsigned char>(ref::weightedGrey(v, v, v));
+            grey3[v] = ref::grey3To1(p);
+        }
+    }
+};
+
+const GreyOfGrey& greyOfGrey()
+{
+    static const GreyOfGrey s_table;
+    return s_table;
+}
 
 struct Chroma {
     float32x4_t b[2], g[2], r[2]; // chroma terms of 8 pairs
@@ -76,11 +100,17 @@ inline int32x4_t weightedGrey4(int32x4_t b, int32x4_t g, int32x4_t r)
     if ((vget_lane_u32(any, 0) | vget_lane_u32(any, 1)) == 0)
         return q;
     int32_t ab[4], ag[4], ar[4], aq[4];
+    uint32_t ae[4];
     vst1q_s32(ab, b);
     vst1q_s32(ag, g);
     vst1q_s32(ar, r);
+    vst1q_s32(aq, q);
+    vst1q_u32(ae, exact);
+    // Exact lanes have q in 1 .. 255, and a grey pixel's q is its value.
+    const unsigned char* weightedOfGrey = greyOfGrey().weighted;
     for (int i = 0; i < 4; ++i)
-        aq[i] = ref::weightedGrey(ab[i], ag[i], ar[i]);
+        if (ae[i])
+            aq[i] = ab[i] == ag[i] && ag[i] == ar[i] ? weightedOfGrey[aq[i]] : ref::weightedGrey(ab[i], ag[i], ar[i]);
     return vld1q_s32(aq);
 }
 
@@ -148,6 +178,7 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
     // t = 20 * (b1 * 0.6 + b2 * 0.25 + b0 * 0.15) is an integer; when t is not
     // a multiple of 20 the truncated result is t / 20 whatever the rounding.
+    const unsigned char* grey3OfGrey = greyOfGrey().grey3;
     std::size_t i = 0;
     for (; i + 8 <= n; i += 8, pSrc += 24, pDst += 8) {
         const uint8x8x3_t p = vld3_u8(pSrc);
@@ -162,8 +193,10 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
         const uint8x8_t exact = vmovn_u16(vceqq_u16(vmulq_n_u16(q, 20), t));
         uint64_t m = vget_lane_u64(vreinterpret_u64_u8(exact), 0);
         for (int j = 0; m != 0; ++j, m >>= 8)
-            if (m & 0xFF)
-                pDst[j] = ref::grey3To1(pSrc + 3 * j);
+            if (m & 0xFF) {
+                const unsigned char* px = pSrc + 3 * j;
+                pDst[j] = px[0] == px[1] && px[1] == px[2] ? grey3OfGrey[px[0]] : ref::grey3To1(px);
+            }
     }
     scalar::kKernels.grey3To1(pSrc, pDst, n - i);
 }
