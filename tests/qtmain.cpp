@@ -1,3 +1,5 @@
+// Test programs that need a Qt application (widgets run on the offscreen
+// platform, which needs no display).
 #include <QApplication>
 #include <QTextCodec>
 
@@ -5,7 +7,6 @@
 
 int main(int argc, char** argv)
 {
-    // Widgets need an application; the offscreen platform needs no display.
     qputenv("QT_QPA_PLATFORM", "offscreen");
     QApplication app(argc, argv);
     // Texts from the host are decoded as local 8-bit: make that a known codec.
