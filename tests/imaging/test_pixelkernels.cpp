@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
 #include <random>
 #include <vector>
@@ -130,8 +131,8 @@ TEST(PixelKernels, GreyPicturesAndColourRunsMatchReference)
 }
 
 // Grey pixels beside other exact quotients in the same vector: the grey lanes
-// take the bit-set answer, the others the double rule, per lane or per vector
-// depending on how many there are.
+// take the table's answer, the others the double rule or their own table, per
+// lane or per vector depending on how many there are.
 TEST(PixelKernels, GreyLanesMixedWithOtherExactQuotients)
 {
     std::mt19937 rng(11);
@@ -162,6 +163,38 @@ TEST(PixelKernels, GreyLanesMixedWithOtherExactQuotients)
                 // 3 b0 = -(12 b1 + 5 b2) mod 20; 7 is 3's inverse mod 20.
                 d[0] = static_cast<unsigned char>((20 - (12 * x + 5 * y) % 20) % 20 * 7 % 20 + 20 * (rng() % 12));
             }
+        }
+    }
+    // The same for YUV to grey: groups of grey pixels (U = V = 128), groups
+    // whose colour has an exact weighted sum, and noise, in random order.
+    std::vector<std::array<unsigned char, 3>> exactYuv;
+    for (int y = 0; y < 256 && exactYuv.size() < 4096; y += 3)
+        for (int u = 0; u < 256; u += 5)
+            for (int v = 0; v < 256; ++v) {
+                int b, g, r;
+                ref::yuvToBgrUnclamped(y, u, v, b, g, r);
+                const int w = 587 * g + 299 * r + 114 * b;
+                if (w % 1000 == 0 && w >= 1000 && w <= 255000 && !(b == g && g == r))
+                    exactYuv.push_back({static_cast<unsigned char>(y), static_cast<unsigned char>(u),
+                                        static_cast<unsigned char>(v)});
+            }
+    ASSERT_FALSE(exactYuv.empty());
+    std::vector<unsigned char> yuv(4 * n / 2), typed(yuv.size());
+    for (std::size_t i = 0; i < n / 2; ++i) {
+        unsigned char* grp = &yuv[4 * i];
+        const unsigned kind = rng() % 3;
+        const auto& e = exactYuv[rng() % exactYuv.size()];
+        grp[0] = kind == 1 ? e[0] : static_cast<unsigned char>(rng());
+        grp[2] = kind == 1 ? e[0] : static_cast<unsigned char>(rng());
+        grp[1] = kind == 0 ? 128 : kind == 1 ? e[1] : static_cast<unsigned char>(rng());
+        grp[3] = kind == 0 ? 128 : kind == 1 ? e[2] : static_cast<unsigned char>(rng());
+    }
+    for (int type = 0; type < 4; ++type) {
+        toType(type, yuv.data(), typed.data(), n / 2);
+        scalar::kKernels.yuvToGray(type, typed.data(), want.data(), n / 2);
+        for (const PixelKernels* k : kernelSets()) {
+            k->yuvToGray(type, typed.data(), got.data(), n / 2);
+            EXPECT_EQ(got, want) << k->pszName << " type " << type << " pixel " << firstDiff(got, want);
         }
     }
     for (const PixelKernels* k : kernelSets()) {
