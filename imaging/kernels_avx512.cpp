@@ -3,7 +3,7 @@
 // permutes and a blend replace the 31-step AVX2 lookup. The driver's grey
 // uses the byte permutes too. When the processor also has VNNI (checked
 // apart, at first use), the weighted grey and both YUV conversions use its
-// dot products; everything else is the AVX2 set.
+// dot products, and the driver's grey too; everything else is the AVX2 set.
 
 #include "imaging/convertkernels.h"
 #include "imaging/convertreference.h"
@@ -103,6 +103,22 @@ inline __m512i pack64(__m512i a, __m512i b, __m512i c, __m512i d, __m512i order,
     return _mm512_permutexvar_epi32(order, bMask ? _mm512_packs_epi16(ab, cd) : _mm512_packus_epi16(ab, cd));
 }
 
+// The driver grey's exact-quotient bits of 64 pixels (b0, b1, b2, b1) from
+// the (b1, b2) table, gathered, as bytes in pixel order.
+inline __m512i grey3FixBits(const __m512i px[4], const unsigned short* fix, __m512i order)
+{
+    __m512i f[4];
+    for (int k = 0; k < 4; ++k) {
+        const __m512i key = _mm512_or_si512(_mm512_and_si512(px[k], _mm512_set1_epi32(0xFF00)),
+                                            _mm512_and_si512(_mm512_srli_epi32(px[k], 16), _mm512_set1_epi32(0xFF)));
+        const __m512i b0 = _mm512_and_si512(px[k], _mm512_set1_epi32(0xFF));
+        const __m512i bit = _mm512_srli_epi32(_mm512_madd_epi16(b0, _mm512_set1_epi32(3277)), 16);
+        const __m512i entry = _mm512_i32gather_epi32(key, fix, 2);
+        f[k] = _mm512_and_si512(_mm512_srlv_epi32(entry, bit), _mm512_set1_epi32(1));
+    }
+    return pack64(f[0], f[1], f[2], f[3], order, false);
+}
+
 // b1 * 0.6 + b2 * 0.25 + b0 * 0.15 in double, truncated: t = 12 b1 + 5 b2 +
 // 3 b0 over 20 except for multiples of 20, where grey pixels take their value
 // from a table by v and others a bit of the (b1, b2) table (as in the AVX2 set).
@@ -154,16 +170,7 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
                     }
                     continue;
                 }
-                __m512i f[4];
-                for (int k = 0; k < 4; ++k) {
-                    const __m512i key = _mm512_or_si512(_mm512_and_si512(px[k], _mm512_set1_epi32(0xFF00)),
-                                                        _mm512_and_si512(_mm512_srli_epi32(px[k], 16), _mm512_set1_epi32(0xFF)));
-                    const __m512i b0 = _mm512_and_si512(px[k], _mm512_set1_epi32(0xFF));
-                    const __m512i bit = _mm512_srli_epi32(_mm512_madd_epi16(b0, _mm512_set1_epi32(3277)), 16);
-                    const __m512i entry = _mm512_i32gather_epi32(key, fix, 2);
-                    f[k] = _mm512_and_si512(_mm512_srlv_epi32(entry, bit), _mm512_set1_epi32(1));
-                }
-                bytes = _mm512_mask_sub_epi8(bytes, other, bytes, pack64(f[0], f[1], f[2], f[3], order, false));
+                bytes = _mm512_mask_sub_epi8(bytes, other, bytes, grey3FixBits(px, fix, order));
             }
         }
         _mm512_storeu_si512(pDst, bytes);
@@ -238,6 +245,37 @@ void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
     avx2::bgrToGray(pSrc, pDst, n - i);
 }
 
+// Byte permutes for 64 packed 3-byte pixels read as three full 64-byte loads
+// (built once: padded images come row by row). Pixel 16 k + j of quarter k,
+// as the dword (byte 0, byte 1, byte 2, byte 1), comes from byte 3 (16 k + j)
+// on, counted from the first of the two loads its permute reads. Channel c of
+// pixel p is byte 3 p + c of the first two loads for p < 42, of the last two
+// (from 64) for the others.
+struct Block64Tables {
+    alignas(64) unsigned char idx[4][64];
+    alignas(64) unsigned char chanLo[3][64];
+    alignas(64) unsigned char chanHi[3][64];
+    Block64Tables() : idx(), chanLo(), chanHi()
+    {
+        for (int k = 0; k < 4; ++k)
+            for (int j = 0; j < 16; ++j) {
+                const int base = 3 * (16 * k + j) - (k >= 2 ? 64 : 0);
+                idx[k][4 * j] = static_cast<unsigned char>(base);
+                idx[k][4 * j + 1] = idx[k][4 * j + 3] = static_cast<unsigned char>(base + 1);
+                idx[k][4 * j + 2] = static_cast<unsigned char>(base + 2);
+            }
+        for (int c = 0; c < 3; ++c)
+            for (int p = 0; p < 64; ++p)
+                (p < 42 ? chanLo : chanHi)[c][p] = static_cast<unsigned char>(3 * p + c - (p < 42 ? 0 : 64));
+    }
+};
+
+const Block64Tables& block64Tables()
+{
+    static const Block64Tables s_tables;
+    return s_tables;
+}
+
 // The same with VNNI: each dot product is one vpdpbusd (the second one
 // accumulating onto t / 8), and the 192 source bytes come in as three full
 // loads spread by byte permutes.
@@ -245,35 +283,13 @@ __attribute__((target("avx512vnni"))) void bgrToGrayVnni(const unsigned char* pS
 {
     const Lut greyOfGrey(grey3OfGrey().weighted);
     const unsigned char* fix = avx2::weightedFixEntries();
-    // Pixel 16 k + j of a block: bytes from 3 (16 k + j), counted from the
-    // first of the two loads that the permute of quarter k reads (built once:
-    // padded images come row by row).
-    // Channel c of pixel p is byte 3 p + c of the first two loads for
-    // p < 42, of the last two (from 64) for the others.
-    static const struct ExpandIdx {
-        alignas(64) unsigned char idx[4][64];
-        alignas(64) unsigned char chanLo[3][64];
-        alignas(64) unsigned char chanHi[3][64];
-        ExpandIdx() : idx(), chanLo(), chanHi()
-        {
-            for (int k = 0; k < 4; ++k)
-                for (int j = 0; j < 16; ++j) {
-                    const int base = 3 * (16 * k + j) - (k >= 2 ? 64 : 0);
-                    idx[k][4 * j] = static_cast<unsigned char>(base);
-                    idx[k][4 * j + 1] = idx[k][4 * j + 3] = static_cast<unsigned char>(base + 1);
-                    idx[k][4 * j + 2] = static_cast<unsigned char>(base + 2);
-                }
-            for (int c = 0; c < 3; ++c)
-                for (int p = 0; p < 64; ++p)
-                    (p < 42 ? chanLo : chanHi)[c][p] = static_cast<unsigned char>(3 * p + c - (p < 42 ? 0 : 64));
-        }
-    } s_expand;
-    const auto& expandIdx = s_expand.idx;
+    const Block64Tables& tables = block64Tables();
+    const auto& expandIdx = tables.idx;
     const __mmask64 chanHiPixels = ~0ULL << 42;
     auto channel = [&](int c, __m512i x0, __m512i x1, __m512i x2) {
         return _mm512_mask_blend_epi8(chanHiPixels,
-                                      _mm512_permutex2var_epi8(x0, _mm512_load_si512(s_expand.chanLo[c]), x1),
-                                      _mm512_permutex2var_epi8(x1, _mm512_load_si512(s_expand.chanHi[c]), x2));
+                                      _mm512_permutex2var_epi8(x0, _mm512_load_si512(tables.chanLo[c]), x1),
+                                      _mm512_permutex2var_epi8(x1, _mm512_load_si512(tables.chanHi[c]), x2));
     };
     // Set after an all-grey block: the next one tries the cheap test first,
     // so grey pictures skip the arithmetic and colour ones never pay for it.
@@ -356,6 +372,84 @@ __attribute__((target("avx512vnni"))) void bgrToGrayVnni(const unsigned char* pS
     avx2::bgrToGray(pSrc, pDst, n - i);
 }
 
+// The driver's grey with VNNI: t is one vpdpbusd, the 192 source bytes come
+// in as three full loads spread by byte permutes, and, as for the weighted
+// grey, an all-grey block makes the next one try the cheap grey test first.
+__attribute__((target("avx512vnni"))) void grey3To1Vnni(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
+{
+    const Lut greyOfGrey(grey3OfGrey().value);
+    const unsigned short* fix = avx2::grey3FixEntries();
+    const Block64Tables& tables = block64Tables();
+    const __mmask64 chanHiPixels = ~0ULL << 42;
+    auto channel = [&](int c, __m512i x0, __m512i x1, __m512i x2) {
+        return _mm512_mask_blend_epi8(chanHiPixels,
+                                      _mm512_permutex2var_epi8(x0, _mm512_load_si512(tables.chanLo[c]), x1),
+                                      _mm512_permutex2var_epi8(x1, _mm512_load_si512(tables.chanHi[c]), x2));
+    };
+    bool bGreyRun = false;
+    const __m512i e0 = _mm512_load_si512(tables.idx[0]), e1 = _mm512_load_si512(tables.idx[1]);
+    const __m512i e2 = _mm512_load_si512(tables.idx[2]), e3 = _mm512_sub_epi8(_mm512_load_si512(tables.idx[3]), _mm512_set1_epi8(64));
+    const __m512i order = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+    const __m512i z = _mm512_setzero_si512();
+    const __m512i kT = _mm512_set1_epi32(3 | 12 << 8 | 5 << 16);
+    std::size_t i = 0;
+    for (; i + 64 <= n; i += 64, pSrc += 192, pDst += 64) {
+        const __m512i x0 = _mm512_loadu_si512(pSrc), x1 = _mm512_loadu_si512(pSrc + 64), x2 = _mm512_loadu_si512(pSrc + 128);
+        if (bGreyRun) {
+            const __m512i b = channel(0, x0, x1, x2), g = channel(1, x0, x1, x2), r = channel(2, x0, x1, x2);
+            if ((_mm512_cmpeq_epi8_mask(b, g) & _mm512_cmpeq_epi8_mask(g, r)) == ~0ULL) {
+                _mm512_storeu_si512(pDst, greyOfGrey(b));
+                continue;
+            }
+            bGreyRun = false;
+        }
+        __m512i px[4], t[4];
+        px[0] = _mm512_permutexvar_epi8(e0, x0);
+        px[1] = _mm512_permutex2var_epi8(x0, e1, x1);
+        px[2] = _mm512_permutex2var_epi8(x1, e2, x2);
+        px[3] = _mm512_permutexvar_epi8(e3, x2);
+        for (int k = 0; k < 4; ++k)
+            t[k] = _mm512_dpbusd_epi32(z, px[k], kT);
+        const __m512i ta = _mm512_packs_epi32(t[0], t[1]), tb = _mm512_packs_epi32(t[2], t[3]);
+        const __m512i qa = _mm512_mulhi_epu16(ta, _mm512_set1_epi16(3277));
+        const __m512i qb = _mm512_mulhi_epu16(tb, _mm512_set1_epi16(3277));
+        __m512i bytes = _mm512_permutexvar_epi32(order, _mm512_packus_epi16(qa, qb));
+        const __mmask32 ea = _mm512_cmpeq_epi16_mask(_mm512_mullo_epi16(qa, _mm512_set1_epi16(20)), ta);
+        const __mmask32 eb = _mm512_cmpeq_epi16_mask(_mm512_mullo_epi16(qb, _mm512_set1_epi16(20)), tb);
+        if ((ea | eb) != 0) {
+            __mmask16 g[4];
+            for (int k = 0; k < 4; ++k)
+                g[k] = _mm512_cmpeq_epi32_mask(px[k], _mm512_ror_epi32(px[k], 8));
+            if ((g[0] & g[1] & g[2] & g[3]) == 0xFFFF) {
+                _mm512_storeu_si512(pDst, greyOfGrey(bytes));
+                bGreyRun = true;
+                continue;
+            }
+            const __mmask64 grey = static_cast<__mmask64>(g[0]) | static_cast<__mmask64>(g[1]) << 16
+                                 | static_cast<__mmask64>(g[2]) << 32 | static_cast<__mmask64>(g[3]) << 48;
+            if (grey != 0)
+                bytes = _mm512_mask_blend_epi8(grey, bytes, greyOfGrey(bytes));
+            const int nOther = __builtin_popcount(ea) + __builtin_popcount(eb) - __builtin_popcountll(grey);
+            if (nOther > 0) {
+                const __mmask64 other = ~grey & _mm512_movepi8_mask(_mm512_permutexvar_epi32(
+                                                    order, _mm512_packs_epi16(_mm512_movm_epi16(ea), _mm512_movm_epi16(eb))));
+                if (nOther <= 8) {
+                    _mm512_storeu_si512(pDst, bytes);
+                    for (unsigned long long mask = other; mask != 0; mask &= mask - 1) {
+                        const int j = __builtin_ctzll(mask);
+                        const unsigned char* p = pSrc + 3 * j;
+                        pDst[j] = static_cast<unsigned char>(pDst[j] - ((fix[p[1] * 256 + p[2]] >> (p[0] / 20)) & 1));
+                    }
+                    continue;
+                }
+                bytes = _mm512_mask_sub_epi8(bytes, other, bytes, grey3FixBits(px, fix, order));
+            }
+        }
+        _mm512_storeu_si512(pDst, bytes);
+    }
+    avx2::grey3To1(pSrc, pDst, n - i);
+}
+
 // VNNI came after VBMI on one line of processors only: check it apart.
 bool hasVnni()
 {
@@ -369,6 +463,11 @@ bool hasVnni()
 void bgrToGrayBest(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
     (hasVnni() ? bgrToGrayVnni : bgrToGray)(pSrc, pDst, n);
+}
+
+void grey3To1Best(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
+{
+    (hasVnni() ? grey3To1Vnni : grey3To1)(pSrc, pDst, n);
 }
 
 // The VNNI YUV kernels take 16 groups (32 pixels) from one 64-byte load. The
@@ -577,7 +676,7 @@ void yuvToGrayBest(int nType, const unsigned char* pSrc, unsigned char* pDst, st
 } // namespace
 
 const PixelKernels kKernels = {
-    "avx512vbmi", yuvToBgrBest, yuvToGrayBest, bgrToGrayBest, expand3, avx2::swapRB, lutCopy, grey3To1,
+    "avx512vbmi", yuvToBgrBest, yuvToGrayBest, bgrToGrayBest, expand3, avx2::swapRB, lutCopy, grey3To1Best,
 };
 
 } // namespace avx512
