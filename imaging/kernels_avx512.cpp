@@ -417,6 +417,25 @@ __attribute__((target("avx512vnni"))) void grey3To1Vnni(const unsigned char* pSr
         const __mmask32 ea = _mm512_cmpeq_epi16_mask(_mm512_mullo_epi16(qa, _mm512_set1_epi16(20)), ta);
         const __mmask32 eb = _mm512_cmpeq_epi16_mask(_mm512_mullo_epi16(qb, _mm512_set1_epi16(20)), tb);
         if ((ea | eb) != 0) {
+            // Few exact lanes (noise has one in 20): lane by lane from the
+            // table, which holds grey pixels too, into a mask.
+            auto lowerFew = [&](__mmask64 lanes) {
+                unsigned long long lower = 0;
+                for (unsigned long long mask = lanes; mask != 0; mask &= mask - 1) {
+                    const int j = __builtin_ctzll(mask);
+                    const unsigned char* p = pSrc + 3 * j;
+                    lower |= static_cast<unsigned long long>((fix[p[1] * 256 + p[2]] >> (p[0] / 20)) & 1) << j;
+                }
+                return _mm512_mask_sub_epi8(bytes, lower, bytes, _mm512_set1_epi8(1));
+            };
+            const __mmask64 exact = _mm512_movepi8_mask(_mm512_permutexvar_epi32(
+                order, _mm512_packs_epi16(_mm512_movm_epi16(ea), _mm512_movm_epi16(eb))));
+            const int nExact = __builtin_popcount(ea) + __builtin_popcount(eb);
+            if (nExact <= 8) {
+                _mm512_storeu_si512(pDst, lowerFew(exact));
+                continue;
+            }
+            // Many: grey pixels by value, the others by gathered table bits.
             __mmask16 g[4];
             for (int k = 0; k < 4; ++k)
                 g[k] = _mm512_cmpeq_epi32_mask(px[k], _mm512_ror_epi32(px[k], 8));
@@ -427,23 +446,12 @@ __attribute__((target("avx512vnni"))) void grey3To1Vnni(const unsigned char* pSr
             }
             const __mmask64 grey = static_cast<__mmask64>(g[0]) | static_cast<__mmask64>(g[1]) << 16
                                  | static_cast<__mmask64>(g[2]) << 32 | static_cast<__mmask64>(g[3]) << 48;
-            if (grey != 0)
-                bytes = _mm512_mask_blend_epi8(grey, bytes, greyOfGrey(bytes));
-            const int nOther = __builtin_popcount(ea) + __builtin_popcount(eb) - __builtin_popcountll(grey);
-            if (nOther > 0) {
-                const __mmask64 other = ~grey & _mm512_movepi8_mask(_mm512_permutexvar_epi32(
-                                                    order, _mm512_packs_epi16(_mm512_movm_epi16(ea), _mm512_movm_epi16(eb))));
-                if (nOther <= 8) {
-                    _mm512_storeu_si512(pDst, bytes);
-                    for (unsigned long long mask = other; mask != 0; mask &= mask - 1) {
-                        const int j = __builtin_ctzll(mask);
-                        const unsigned char* p = pSrc + 3 * j;
-                        pDst[j] = static_cast<unsigned char>(pDst[j] - ((fix[p[1] * 256 + p[2]] >> (p[0] / 20)) & 1));
-                    }
-                    continue;
-                }
-                bytes = _mm512_mask_sub_epi8(bytes, other, bytes, grey3FixBits(px, fix, order));
-            }
+            bytes = _mm512_mask_blend_epi8(grey, bytes, greyOfGrey(bytes));
+            const int nOther = nExact - __builtin_popcountll(grey);
+            if (nOther > 8)
+                bytes = _mm512_mask_sub_epi8(bytes, exact & ~grey, bytes, grey3FixBits(px, fix, order));
+            else if (nOther > 0)
+                bytes = lowerFew(exact & ~grey);
         }
         _mm512_storeu_si512(pDst, bytes);
     }
