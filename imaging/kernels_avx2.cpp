@@ -469,6 +469,19 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
         const __m256i ea = _mm256_cmpeq_epi16(_mm256_mullo_epi16(qa, _mm256_set1_epi16(20)), ta);
         const __m256i eb = _mm256_cmpeq_epi16(_mm256_mullo_epi16(qb, _mm256_set1_epi16(20)), tb);
         if (!_mm256_testz_si256(_mm256_or_si256(ea, eb), _mm256_or_si256(ea, eb))) {
+            const __m256i exact = _mm256_permutevar8x32_epi32(_mm256_packs_epi16(ea, eb), order);
+            const unsigned lanes = static_cast<unsigned>(_mm256_movemask_epi8(exact));
+            if (__builtin_popcount(lanes) <= 4) {
+                // Few (noise has one in 20): lane by lane from the table,
+                // which holds grey pixels too.
+                _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst), bytes);
+                for (unsigned mask = lanes; mask != 0; mask &= mask - 1) {
+                    const int j = __builtin_ctz(mask);
+                    const unsigned char* p = pSrc + 3 * j;
+                    pDst[j] = static_cast<unsigned char>(pDst[j] - ((fix[p[1] * 256 + p[2]] >> (p[0] / 20)) & 1));
+                }
+                continue;
+            }
             // Grey pixels are always exact; when they are the only exact ones,
             // the bit set answers (q is the value itself).
             const __m256i z = _mm256_setzero_si256();
@@ -478,18 +491,6 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
                 const __m256i grey = _mm256_permutevar8x32_epi32(_mm256_packs_epi16(ga, gb), order);
                 bytes = _mm256_sub_epi8(bytes, _mm256_and_si256(equalFix(bytes), grey));
             } else {
-                const __m256i exact = _mm256_permutevar8x32_epi32(_mm256_packs_epi16(ea, eb), order);
-                const unsigned other = static_cast<unsigned>(_mm256_movemask_epi8(exact));
-                if (__builtin_popcount(other) <= 4) {
-                    // Few (noise): lane by lane from the table.
-                    _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst), bytes);
-                    for (unsigned mask = other; mask != 0; mask &= mask - 1) {
-                        const int j = __builtin_ctz(mask);
-                        const unsigned char* p = pSrc + 3 * j;
-                        pDst[j] = static_cast<unsigned char>(pDst[j] - ((fix[p[1] * 256 + p[2]] >> (p[0] / 20)) & 1));
-                    }
-                    continue;
-                }
                 __m256i f[4];
                 for (int k = 0; k < 4; ++k) {
                     // b0 / 20 = (b0 * 3277) >> 16 picks the bit.
