@@ -531,14 +531,39 @@ const YuvVnniType* yuvVnniTypes()
     return s_table.type;
 }
 
-// The chroma and luma word pairs of 16 groups.
-inline void yuvWords(const unsigned char* pSrc, bool bLumaOdd, __m512i& luma, __m512i& chroma)
-{
-    const __m512i x = _mm512_loadu_si512(pSrc);
-    const __m512i even = _mm512_and_si512(x, _mm512_set1_epi16(0xFF)), odd = _mm512_srli_epi16(x, 8);
-    luma = bLumaOdd ? odd : even;
-    chroma = bLumaOdd ? even : odd;
-}
+// The sums of 16 groups: the chroma part of each group's blue, green and red
+// (with the constant terms), and the luma terms of its first and second
+// pixels, to be added to them.
+class YuvSums {
+public:
+    explicit YuvSums(const YuvVnniType& t)
+        : m_bLumaOdd(t.bLumaOdd), m_kCb(_mm512_set1_epi32(static_cast<int>(t.kCb))),
+          m_kCg(_mm512_set1_epi32(static_cast<int>(t.kCg))), m_kCr(_mm512_set1_epi32(static_cast<int>(t.kCr))),
+          m_kY1(_mm512_set1_epi32(static_cast<int>(wordPair(1164, 0)))),
+          m_kY2(_mm512_set1_epi32(static_cast<int>(wordPair(0, 1164)))),
+          m_cB(_mm512_set1_epi32(-1164 * 16 - 2018 * 128)),
+          m_cG(_mm512_set1_epi32(-1164 * 16 + 813 * 128 + 380 * 128)),
+          m_cR(_mm512_set1_epi32(-1164 * 16 - 1159 * 128))
+    {
+    }
+    __attribute__((target("avx512vnni"), always_inline)) void operator()(const unsigned char* pSrc, __m512i& sb,
+                                                                        __m512i& sg, __m512i& sr, __m512i& y1,
+                                                                        __m512i& y2) const
+    {
+        const __m512i x = _mm512_loadu_si512(pSrc);
+        const __m512i even = _mm512_and_si512(x, _mm512_set1_epi16(0xFF)), odd = _mm512_srli_epi16(x, 8);
+        const __m512i luma = m_bLumaOdd ? odd : even, chroma = m_bLumaOdd ? even : odd;
+        sb = _mm512_dpwssd_epi32(m_cB, chroma, m_kCb);
+        sg = _mm512_dpwssd_epi32(m_cG, chroma, m_kCg);
+        sr = _mm512_dpwssd_epi32(m_cR, chroma, m_kCr);
+        y1 = _mm512_madd_epi16(luma, m_kY1);
+        y2 = _mm512_madd_epi16(luma, m_kY2);
+    }
+
+private:
+    bool m_bLumaOdd;
+    __m512i m_kCb, m_kCg, m_kCr, m_kY1, m_kY2, m_cB, m_cG, m_cR;
+};
 
 // Pixel-order bit mask from the lane masks of the first and second sums.
 __attribute__((target("bmi2"))) inline unsigned pixelMask(unsigned first, unsigned second, int nFirst)
@@ -557,27 +582,16 @@ __attribute__((target("avx512vnni,bmi2"))) void yuvToBgrVnni(int nType, const un
 {
     const YuvVnniType& t = yuvVnniTypes()[nType];
     const __m512i out0 = _mm512_load_si512(t.out[0]), out1 = _mm512_load_si512(t.out[1]);
-    const __m512i kCb = _mm512_set1_epi32(static_cast<int>(t.kCb)), kCg = _mm512_set1_epi32(static_cast<int>(t.kCg));
-    const __m512i kCr = _mm512_set1_epi32(static_cast<int>(t.kCr));
-    const __m512i kY1 = _mm512_set1_epi32(static_cast<int>(wordPair(1164, 0)));
-    const __m512i kY2 = _mm512_set1_epi32(static_cast<int>(wordPair(0, 1164)));
-    const __m512i cB = _mm512_set1_epi32(-1164 * 16 - 2018 * 128);
-    const __m512i cG = _mm512_set1_epi32(-1164 * 16 + 813 * 128 + 380 * 128);
-    const __m512i cR = _mm512_set1_epi32(-1164 * 16 - 1159 * 128);
+    const YuvSums sums(t);
     const __m512i m125 = _mm512_set1_epi16(static_cast<short>(33555));
     auto quot = [&](__m512i a, __m512i b) {
         const __m512i w = _mm512_packus_epi32(_mm512_srai_epi32(a, 3), _mm512_srai_epi32(b, 3));
         return _mm512_srli_epi16(_mm512_mulhi_epu16(w, m125), 6);
     };
-    const bool bLumaOdd = t.bLumaOdd;
     std::size_t i = 0;
     for (; i + 16 <= nPairs; i += 16, pSrc += 64, pDst += 96) {
-        __m512i luma, chroma;
-        yuvWords(pSrc, bLumaOdd, luma, chroma);
-        const __m512i y1 = _mm512_madd_epi16(luma, kY1), y2 = _mm512_madd_epi16(luma, kY2);
-        const __m512i sb = _mm512_dpwssd_epi32(cB, chroma, kCb);
-        const __m512i sg = _mm512_dpwssd_epi32(cG, chroma, kCg);
-        const __m512i sr = _mm512_dpwssd_epi32(cR, chroma, kCr);
+        __m512i sb, sg, sr, y1, y2;
+        sums(pSrc, sb, sg, sr, y1, y2);
         const __m512i b = quot(_mm512_add_epi32(sb, y1), _mm512_add_epi32(sb, y2));
         const __m512i g = quot(_mm512_add_epi32(sg, y1), _mm512_add_epi32(sg, y2));
         const __m512i r = quot(_mm512_add_epi32(sr, y1), _mm512_add_epi32(sr, y2));
@@ -603,13 +617,7 @@ __attribute__((target("avx512vnni,bmi2"))) void yuvToGrayVnni(int nType, const u
     const unsigned char* pos = scalar::kGroupPos[nType];
     const Lut greyOfGrey(grey3OfGrey().weighted);
     const __m512i order = _mm512_load_si512(t.grey);
-    const __m512i kCb = _mm512_set1_epi32(static_cast<int>(t.kCb)), kCg = _mm512_set1_epi32(static_cast<int>(t.kCg));
-    const __m512i kCr = _mm512_set1_epi32(static_cast<int>(t.kCr));
-    const __m512i kY1 = _mm512_set1_epi32(static_cast<int>(wordPair(1164, 0)));
-    const __m512i kY2 = _mm512_set1_epi32(static_cast<int>(wordPair(0, 1164)));
-    const __m512i cB = _mm512_set1_epi32(-1164 * 16 - 2018 * 128);
-    const __m512i cG = _mm512_set1_epi32(-1164 * 16 + 813 * 128 + 380 * 128);
-    const __m512i cR = _mm512_set1_epi32(-1164 * 16 - 1159 * 128);
+    const YuvSums sums(t);
     const __m512 milli = _mm512_set1_ps(0.001f);
     const int kTrunc = _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC;
     const __m512i halfMilli = _mm512_set1_epi32(0x3A03126F); // 0.0005f
@@ -641,15 +649,10 @@ __attribute__((target("avx512vnni,bmi2"))) void yuvToGrayVnni(int nType, const u
         greyLanes = _mm512_mask_cmp_ps_mask(_mm512_mask_cmp_ps_mask(m, l.b, l.g, _CMP_EQ_OQ), l.g, l.r, _CMP_EQ_OQ);
         return m;
     };
-    const bool bLumaOdd = t.bLumaOdd;
     std::size_t i = 0;
     for (; i + 16 <= nPairs; i += 16, pSrc += 64, pDst += 32) {
-        __m512i luma, chroma;
-        yuvWords(pSrc, bLumaOdd, luma, chroma);
-        const __m512i sb = _mm512_dpwssd_epi32(cB, chroma, kCb);
-        const __m512i sg = _mm512_dpwssd_epi32(cG, chroma, kCg);
-        const __m512i sr = _mm512_dpwssd_epi32(cR, chroma, kCr);
-        const __m512i y1 = _mm512_madd_epi16(luma, kY1), y2 = _mm512_madd_epi16(luma, kY2);
+        __m512i sb, sg, sr, y1, y2;
+        sums(pSrc, sb, sg, sr, y1, y2);
         const Lanes a = grey(_mm512_add_epi32(sb, y1), _mm512_add_epi32(sg, y1), _mm512_add_epi32(sr, y1));
         const Lanes b = grey(_mm512_add_epi32(sb, y2), _mm512_add_epi32(sg, y2), _mm512_add_epi32(sr, y2));
         const __m512i w = _mm512_packs_epi32(_mm512_cvttps_epi32(a.x), _mm512_cvttps_epi32(b.x));
