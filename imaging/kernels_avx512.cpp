@@ -481,9 +481,10 @@ void grey3To1Best(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 // The VNNI YUV kernels take 16 groups (32 pixels) from one 64-byte load. The
 // even bytes of each group, masked, and the odd ones, shifted down, are two
 // word pairs: both lumas and both chromas, in an order that depends on the
-// type. Every sum then comes from vpdpwssd: the chroma part once per group,
-// the luma part per pixel on top of it. Lane i of the "first" sums is the
-// pixel of group i's first luma word, of the "second" sums the other one.
+// type. The chroma part of each sum comes once per group from vpdpwssd; the
+// luma term 1164 Y, the same for all three channels, is added per pixel.
+// Lane i of the "first" sums is the pixel of group i's first luma word, of
+// the "second" sums the other one.
 struct YuvVnniType {
     bool bLumaOdd;   // lumas in bytes 1 and 3
     int nFirst;      // 0: the first luma word is the left pixel, 1: the right
