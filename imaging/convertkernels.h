@@ -40,6 +40,13 @@ unsigned char yuvPixelGray(int nY, int nU, int nV);
 void lutCopy(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, const unsigned char* lut);
 // Positions of Y0, U, Y1, V in a group for each type.
 extern const unsigned char kGroupPos[4][4];
+// Where the double-precision rules give one less than the exact quotient
+// (built on first use, padded for 4-byte gathers). Weighted grey of bytes:
+// entry g * 256 + r is 1 for the one blue value that makes 587 g + 299 r +
+// 114 b a multiple of 1000. Driver grey: bit b0 / 20 of entry b1 * 256 + b2,
+// for the b0 that make 12 b1 + 5 b2 + 3 b0 a multiple of 20.
+const unsigned char* weightedFixEntries();
+const unsigned short* grey3FixEntries();
 } // namespace scalar
 
 #if defined(__x86_64__) || defined(_M_X64)

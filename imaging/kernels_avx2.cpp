@@ -246,63 +246,6 @@ inline __m256i pack32Pixels(__m256i a, __m256i b, __m256i c, __m256i d, bool bMa
     return _mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
 }
 
-// For each (g, r): 1 when the weighted grey of the one blue value b that makes
-// 587 g + 299 r + 114 b a multiple of 1000 comes out one below the exact
-// quotient in double precision, else 0. Padded for 4-byte gathers.
-struct GreyFixTable {
-    unsigned char fix[65536 + 3];
-    GreyFixTable() : fix()
-    {
-        for (int g = 0; g < 256; ++g)
-            for (int r = 0; r < 256; ++r) {
-                // 114 b = -(587 g + 299 r) mod 1000 needs an even right side; then
-                // 57 b = c / 2 mod 500, and 193 is 57's inverse mod 500.
-                const int c = (1000 - (587 * g + 299 * r) % 1000) % 1000;
-                if (c % 2 != 0)
-                    continue;
-                const int b = (c / 2 * 193) % 500;
-                if (b > 255)
-                    continue;
-                const int s = 587 * g + 299 * r + 114 * b;
-                fix[g * 256 + r] = static_cast<unsigned char>(s / 1000 - ref::weightedGrey(b, g, r));
-            }
-    }
-};
-
-const GreyFixTable& greyFixTable()
-{
-    static const GreyFixTable s_table;
-    return s_table;
-}
-
-// The same for the driver's grey: t = 12 b1 + 5 b2 + 3 b0 is a multiple of 20
-// for the b0 = c + 20 k (k = 0 .. 12) with c fixed by (b1, b2); bit k of the
-// entry for (b1, b2) is 1 when the double-precision rule gives t / 20 - 1 there.
-// Padded for 4-byte gathers.
-struct Grey3FixTable {
-    unsigned short fix[65536 + 1];
-    Grey3FixTable() : fix()
-    {
-        for (int b1 = 0; b1 < 256; ++b1)
-            for (int b2 = 0; b2 < 256; ++b2) {
-                // 3 b0 = -(12 b1 + 5 b2) mod 20, and 7 is 3's inverse mod 20.
-                const int c = (20 - (12 * b1 + 5 * b2) % 20) % 20 * 7 % 20;
-                for (int k = 0; c + 20 * k < 256; ++k) {
-                    const unsigned char p[3] = {static_cast<unsigned char>(c + 20 * k), static_cast<unsigned char>(b1),
-                                                static_cast<unsigned char>(b2)};
-                    if (ref::grey3To1(p) != (3 * p[0] + 12 * b1 + 5 * b2) / 20)
-                        fix[b1 * 256 + b2] |= static_cast<unsigned short>(1u << k);
-                }
-            }
-    }
-};
-
-const Grey3FixTable& grey3FixTable()
-{
-    static const Grey3FixTable s_table;
-    return s_table;
-}
-
 // Key (byte 1) * 256 + byte 2 of pixels from load3To4x8.
 inline __m256i key12(__m256i px)
 {
@@ -388,7 +331,7 @@ void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
     // P + t / 8 fits 16 bits and S / 1000 = (S / 8) / 125, a multiply-high.
     // Where S is a multiple of 1000, double rounding may give one less: grey
     // pixels look it up by value in a bit set, others by (g, r) in a table.
-    const unsigned char* fix = greyFixTable().fix;
+    const unsigned char* fix = scalar::weightedFixEntries();
     const ByteBitSet equalFix(equalChannelFix().weighted);
     std::size_t i = 0;
     const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
@@ -452,7 +395,7 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
     // grey picture) grey pixels look the answer up by value in a bit set, the
     // others by (b1, b2, b0 / 20) in a table.
     const ByteBitSet equalFix(equalChannelFix().grey3);
-    const unsigned short* fix = grey3FixTable().fix;
+    const unsigned short* fix = scalar::grey3FixEntries();
     std::size_t i = 0;
     for (; i + 32 <= n; i += 32, pSrc += 96, pDst += 32) {
         __m256i px[4], t[4];
@@ -563,16 +506,6 @@ void lutCopy(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, cons
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst + i),
                             table(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(pSrc + i))));
     scalar::kKernels.lutCopy(pSrc + i, pDst + i, n - i, lut);
-}
-
-const unsigned short* grey3FixEntries()
-{
-    return grey3FixTable().fix;
-}
-
-const unsigned char* weightedFixEntries()
-{
-    return greyFixTable().fix;
 }
 
 const PixelKernels kKernels = {

@@ -125,7 +125,7 @@ inline __m512i grey3FixBits(const __m512i px[4], const unsigned short* fix, __m5
 void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
     const Lut greyOfGrey(grey3OfGrey().value);
-    const unsigned short* fix = avx2::grey3FixEntries();
+    const unsigned short* fix = scalar::grey3FixEntries();
     alignas(64) unsigned char expandIdx[64];
     for (int j = 0; j < 16; ++j) {
         expandIdx[4 * j] = static_cast<unsigned char>(3 * j);
@@ -184,7 +184,7 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
     const Lut greyOfGrey(grey3OfGrey().weighted);
-    const unsigned char* fix = avx2::weightedFixEntries();
+    const unsigned char* fix = scalar::weightedFixEntries();
     alignas(64) unsigned char expandIdx[64];
     for (int j = 0; j < 16; ++j) {
         expandIdx[4 * j] = static_cast<unsigned char>(3 * j);
@@ -282,7 +282,7 @@ const Block64Tables& block64Tables()
 __attribute__((target("avx512vnni"))) void bgrToGrayVnni(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
     const Lut greyOfGrey(grey3OfGrey().weighted);
-    const unsigned char* fix = avx2::weightedFixEntries();
+    const unsigned char* fix = scalar::weightedFixEntries();
     const Block64Tables& tables = block64Tables();
     const auto& expandIdx = tables.idx;
     const __mmask64 chanHiPixels = ~0ULL << 42;
@@ -378,7 +378,7 @@ __attribute__((target("avx512vnni"))) void bgrToGrayVnni(const unsigned char* pS
 __attribute__((target("avx512vnni"))) void grey3To1Vnni(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
     const Lut greyOfGrey(grey3OfGrey().value);
-    const unsigned short* fix = avx2::grey3FixEntries();
+    const unsigned short* fix = scalar::grey3FixEntries();
     const Block64Tables& tables = block64Tables();
     const __mmask64 chanHiPixels = ~0ULL << 42;
     auto channel = [&](int c, __m512i x0, __m512i x1, __m512i x2) {

@@ -2,8 +2,9 @@
 // exactness arguments as for the x86 sets hold (single-precision arithmetic on
 // integers below 2^24, truncating conversion); 32-bit NEON has no double
 // precision, so the few grey values that double rounding decides (exact
-// quotients) are looked up by value for grey pixels and recomputed by the
-// scalar rule, lane by lane, for the others.
+// quotients) are looked up, lane by lane: from bytes in the tables of the
+// exact cases, for YUV's unclamped colour by value for grey pixels and by the
+// scalar rule for the others.
 
 #if defined(__ARM_NEON)
 
@@ -18,27 +19,22 @@ namespace neon {
 
 namespace {
 
-// The rule's answers for grey pixels (all three bytes v), by v: grey
-// pictures hit the exact-quotient case on every pixel, and a table look-up is
+// The weighted grey of grey pixels (all channels v), by v: a grey YUV
+// picture hits the exact-quotient case on every pixel, and a table look-up is
 // far cheaper than the double-precision rule on VFP.
-struct GreyOfGrey {
-    unsigned char weighted[256];
-    unsigned char grey3[256];
-    GreyOfGrey()
+struct WeightedOfGrey {
+    unsigned char value[256];
+    WeightedOfGrey()
     {
-        for (int v = 0; v < 256; ++v) {
-            const unsigned char p[3] = {static_cast<unsigned char>(v), static_cast<unsigned char>(v),
-                                        static_cast<unsigned char>(v)};
-            weighted[v] = static_cast<unsigned char>(ref::weightedGrey(v, v, v));
-            grey3[v] = ref::grey3To1(p);
-        }
+        for (int v = 0; v < 256; ++v)
+            value[v] = static_cast<unsigned char>(ref::weightedGrey(v, v, v));
     }
 };
 
-const GreyOfGrey& greyOfGrey()
+const unsigned char* weightedOfGrey()
 {
-    static const GreyOfGrey s_table;
-    return s_table;
+    static const WeightedOfGrey s_table;
+    return s_table.value;
 }
 
 struct Chroma {
@@ -87,8 +83,9 @@ inline uint8x8_t clampBytes(const int32x4_t v[2])
     return vqmovun_s16(vcombine_s16(vqmovn_s32(v[0]), vqmovn_s32(v[1])));
 }
 
-// Weighted grey of 4 pixels; exact quotients in 1 .. 255 follow the double rule.
-inline int32x4_t weightedGrey4(int32x4_t b, int32x4_t g, int32x4_t r)
+// Weighted grey of 4 pixels; exact quotients in 1 .. 255 follow the double
+// rule. bBytes: all channels are in 0 .. 255.
+inline int32x4_t weightedGrey4(int32x4_t b, int32x4_t g, int32x4_t r, bool bBytes)
 {
     const float32x4_t s = vaddq_f32(vaddq_f32(vmulq_n_f32(vcvtq_f32_s32(g), 587.0f),
                                               vmulq_n_f32(vcvtq_f32_s32(r), 299.0f)),
@@ -107,10 +104,16 @@ inline int32x4_t weightedGrey4(int32x4_t b, int32x4_t g, int32x4_t r)
     vst1q_s32(aq, q);
     vst1q_u32(ae, exact);
     // Exact lanes have q in 1 .. 255, and a grey pixel's q is its value.
-    const unsigned char* weightedOfGrey = greyOfGrey().weighted;
-    for (int i = 0; i < 4; ++i)
-        if (ae[i])
-            aq[i] = ab[i] == ag[i] && ag[i] == ar[i] ? weightedOfGrey[aq[i]] : ref::weightedGrey(ab[i], ag[i], ar[i]);
+    const unsigned char* fix = bBytes ? scalar::weightedFixEntries() : nullptr;
+    const unsigned char* ofGrey = bBytes ? nullptr : weightedOfGrey();
+    for (int i = 0; i < 4; ++i) {
+        if (!ae[i])
+            continue;
+        if (bBytes)
+            aq[i] -= fix[ag[i] * 256 + ar[i]];
+        else
+            aq[i] = ab[i] == ag[i] && ag[i] == ar[i] ? ofGrey[aq[i]] : ref::weightedGrey(ab[i], ag[i], ar[i]);
+    }
     return vld1q_s32(aq);
 }
 
@@ -146,12 +149,12 @@ void yuvToGray(int nType, const unsigned char* pSrc, unsigned char* pDst, std::s
         const Chroma c = chroma8(g.val[pos[1]], g.val[pos[3]]);
         int32x4_t b[2], gg[2], r[2], q[2];
         bgr8(g.val[pos[0]], c, b, gg, r);
-        q[0] = weightedGrey4(b[0], gg[0], r[0]);
-        q[1] = weightedGrey4(b[1], gg[1], r[1]);
+        q[0] = weightedGrey4(b[0], gg[0], r[0], false);
+        q[1] = weightedGrey4(b[1], gg[1], r[1], false);
         const uint8x8_t left = clampBytes(q);
         bgr8(g.val[pos[2]], c, b, gg, r);
-        q[0] = weightedGrey4(b[0], gg[0], r[0]);
-        q[1] = weightedGrey4(b[1], gg[1], r[1]);
+        q[0] = weightedGrey4(b[0], gg[0], r[0], false);
+        q[1] = weightedGrey4(b[1], gg[1], r[1], false);
         const uint8x8x2_t z = vzip_u8(left, clampBytes(q));
         vst1q_u8(pDst, vcombine_u8(z.val[0], z.val[1]));
     }
@@ -167,8 +170,8 @@ void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
         const int16x8_t g = vreinterpretq_s16_u16(vmovl_u8(p.val[1]));
         const int16x8_t r = vreinterpretq_s16_u16(vmovl_u8(p.val[2]));
         int32x4_t q[2];
-        q[0] = weightedGrey4(vmovl_s16(vget_low_s16(b)), vmovl_s16(vget_low_s16(g)), vmovl_s16(vget_low_s16(r)));
-        q[1] = weightedGrey4(vmovl_s16(vget_high_s16(b)), vmovl_s16(vget_high_s16(g)), vmovl_s16(vget_high_s16(r)));
+        q[0] = weightedGrey4(vmovl_s16(vget_low_s16(b)), vmovl_s16(vget_low_s16(g)), vmovl_s16(vget_low_s16(r)), true);
+        q[1] = weightedGrey4(vmovl_s16(vget_high_s16(b)), vmovl_s16(vget_high_s16(g)), vmovl_s16(vget_high_s16(r)), true);
         vst1_u8(pDst, clampBytes(q));
     }
     scalar::kKernels.bgrToGray(pSrc, pDst, n - i);
@@ -178,7 +181,9 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
     // t = 20 * (b1 * 0.6 + b2 * 0.25 + b0 * 0.15) is an integer; when t is not
     // a multiple of 20 the truncated result is t / 20 whatever the rounding.
-    const unsigned char* grey3OfGrey = greyOfGrey().grey3;
+    // Multiples (one pixel in 20, every grey pixel) take their bit from the
+    // (b1, b2) table.
+    const unsigned short* fix = scalar::grey3FixEntries();
     std::size_t i = 0;
     for (; i + 8 <= n; i += 8, pSrc += 24, pDst += 8) {
         const uint8x8x3_t p = vld3_u8(pSrc);
@@ -195,7 +200,7 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
         for (int j = 0; m != 0; ++j, m >>= 8)
             if (m & 0xFF) {
                 const unsigned char* px = pSrc + 3 * j;
-                pDst[j] = px[0] == px[1] && px[1] == px[2] ? grey3OfGrey[px[0]] : ref::grey3To1(px);
+                pDst[j] = static_cast<unsigned char>(pDst[j] - ((fix[px[1] * 256 + px[2]] >> (px[0] / 20)) & 1));
             }
     }
     scalar::kKernels.grey3To1(pSrc, pDst, n - i);

@@ -108,6 +108,77 @@ void lutCopy(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, cons
 
 namespace {
 
+// For each (g, r): 1 when the weighted grey of the one blue value b that makes
+// 587 g + 299 r + 114 b a multiple of 1000 comes out one below the exact
+// quotient in double precision, else 0. Padded for 4-byte gathers.
+struct GreyFixTable {
+    unsigned char fix[65536 + 3];
+    GreyFixTable() : fix()
+    {
+        for (int g = 0; g < 256; ++g)
+            for (int r = 0; r < 256; ++r) {
+                // 114 b = -(587 g + 299 r) mod 1000 needs an even right side; then
+                // 57 b = c / 2 mod 500, and 193 is 57's inverse mod 500.
+                const int c = (1000 - (587 * g + 299 * r) % 1000) % 1000;
+                if (c % 2 != 0)
+                    continue;
+                const int b = (c / 2 * 193) % 500;
+                if (b > 255)
+                    continue;
+                const int s = 587 * g + 299 * r + 114 * b;
+                fix[g * 256 + r] = static_cast<unsigned char>(s / 1000 - ref::weightedGrey(b, g, r));
+            }
+    }
+};
+
+const GreyFixTable& greyFixTable()
+{
+    static const GreyFixTable s_table;
+    return s_table;
+}
+
+// The same for the driver's grey: t = 12 b1 + 5 b2 + 3 b0 is a multiple of 20
+// for the b0 = c + 20 k (k = 0 .. 12) with c fixed by (b1, b2); bit k of the
+// entry for (b1, b2) is 1 when the double-precision rule gives t / 20 - 1 there.
+// Padded for 4-byte gathers.
+struct Grey3FixTable {
+    unsigned short fix[65536 + 1];
+    Grey3FixTable() : fix()
+    {
+        for (int b1 = 0; b1 < 256; ++b1)
+            for (int b2 = 0; b2 < 256; ++b2) {
+                // 3 b0 = -(12 b1 + 5 b2) mod 20, and 7 is 3's inverse mod 20.
+                const int c = (20 - (12 * b1 + 5 * b2) % 20) % 20 * 7 % 20;
+                for (int k = 0; c + 20 * k < 256; ++k) {
+                    const unsigned char p[3] = {static_cast<unsigned char>(c + 20 * k), static_cast<unsigned char>(b1),
+                                                static_cast<unsigned char>(b2)};
+                    if (ref::grey3To1(p) != (3 * p[0] + 12 * b1 + 5 * b2) / 20)
+                        fix[b1 * 256 + b2] |= static_cast<unsigned short>(1u << k);
+                }
+            }
+    }
+};
+
+const Grey3FixTable& grey3FixTable()
+{
+    static const Grey3FixTable s_table;
+    return s_table;
+}
+
+} // namespace
+
+const unsigned char* weightedFixEntries()
+{
+    return greyFixTable().fix;
+}
+
+const unsigned short* grey3FixEntries()
+{
+    return grey3FixTable().fix;
+}
+
+namespace {
+
 void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
     for (std::size_t i = 0; i < n; ++i, pSrc += 3)

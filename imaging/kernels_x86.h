@@ -17,15 +17,6 @@ void swapRB(unsigned char* pBuf, std::size_t n);
 void lutCopy(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, const unsigned char* lut);
 void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n);
 
-// Driver grey, exact quotients: entry b1 * 256 + b2, bit b0 / 20 says the
-// double-precision rule gives one less (65536 entries plus padding for 4-byte
-// gathers; built on first use).
-const unsigned short* grey3FixEntries();
-// Weighted grey, exact quotients: entry g * 256 + r is 1 when the one blue
-// value that makes 587 g + 299 r + 114 b a multiple of 1000 gets one less
-// (bytes, padded for 4-byte gathers).
-const unsigned char* weightedFixEntries();
-
 } // namespace avx2
 } // namespace kavrel
 
