@@ -517,11 +517,12 @@ const YuvVnniType* yuvVnniTypes()
                 t.kCr = chroma(0, 1159);
                 // After the packs, lane L holds, for groups 4 L + m, the first
                 // pixels at byte 16 L + m and the second ones at + 4: B, and G
-                // 8 bytes on, in the first vector; R in the second (from 64).
+                // 8 bytes on, in the first vector. R stays in 16-bit words in
+                // the second (from 64), the same pixel at twice the offset.
                 for (int p = 0; p < 32; ++p) {
                     const int j = p / 2;
                     const int at = 16 * (j / 4) + j % 4 + (p % 2 == t.nFirst ? 0 : 4);
-                    const int idx[3] = {at, at + 8, 64 + at};
+                    const int idx[3] = {at, at + 8, 64 + 16 * (at / 16) + 2 * (at % 16)};
                     for (int c = 0; c < 3; ++c)
                         t.out[(3 * p + c) / 64][(3 * p + c) % 64] = static_cast<unsigned char>(idx[c]);
                     t.grey[p] = static_cast<unsigned char>(at);
@@ -532,37 +533,42 @@ const YuvVnniType* yuvVnniTypes()
     return s_table.type;
 }
 
-// The sums of 16 groups: the chroma part of each group's blue, green and red
-// (with the constant terms), and the luma terms of its first and second
-// pixels, to be added to them.
+// The sums of 16 groups, blue, green and red of their first and second
+// pixels: the chroma part once per group (with the constant terms), then the
+// luma term of each pixel added to it. With bQuarter every sum is floor(s /
+// 4) instead of s: the luma coefficient 1164 is 4 * 291, so only the chroma
+// part needs the shift. nBias is added to every sum.
 class YuvSums {
 public:
-    explicit YuvSums(const YuvVnniType& t)
-        : m_bLumaOdd(t.bLumaOdd), m_kCb(_mm512_set1_epi32(static_cast<int>(t.kCb))),
+    YuvSums(const YuvVnniType& t, bool bQuarter, int nBias)
+        : m_bLumaOdd(t.bLumaOdd), m_nShift(bQuarter ? 2 : 0), m_kCb(_mm512_set1_epi32(static_cast<int>(t.kCb))),
           m_kCg(_mm512_set1_epi32(static_cast<int>(t.kCg))), m_kCr(_mm512_set1_epi32(static_cast<int>(t.kCr))),
-          m_kY1(_mm512_set1_epi32(static_cast<int>(wordPair(1164, 0)))),
-          m_kY2(_mm512_set1_epi32(static_cast<int>(wordPair(0, 1164)))),
-          m_cB(_mm512_set1_epi32(-1164 * 16 - 2018 * 128)),
-          m_cG(_mm512_set1_epi32(-1164 * 16 + 813 * 128 + 380 * 128)),
-          m_cR(_mm512_set1_epi32(-1164 * 16 - 1159 * 128))
+          m_kY1(_mm512_set1_epi32(static_cast<int>(wordPair(1164 >> m_nShift, 0)))),
+          m_kY2(_mm512_set1_epi32(static_cast<int>(wordPair(0, 1164 >> m_nShift)))),
+          m_cB(_mm512_set1_epi32(-1164 * 16 - 2018 * 128 + (nBias << m_nShift))),
+          m_cG(_mm512_set1_epi32(-1164 * 16 + 813 * 128 + 380 * 128 + (nBias << m_nShift))),
+          m_cR(_mm512_set1_epi32(-1164 * 16 - 1159 * 128 + (nBias << m_nShift)))
     {
     }
-    __attribute__((target("avx512vnni"), always_inline)) void operator()(const unsigned char* pSrc, __m512i& sb,
-                                                                        __m512i& sg, __m512i& sr, __m512i& y1,
-                                                                        __m512i& y2) const
+    // s[0] .. s[5]: blue, green, red of the first pixels, then of the second.
+    __attribute__((target("avx512vnni"), always_inline)) void operator()(const unsigned char* pSrc,
+                                                                        __m512i s[6]) const
     {
         const __m512i x = _mm512_loadu_si512(pSrc);
         const __m512i even = _mm512_and_si512(x, _mm512_set1_epi16(0xFF)), odd = _mm512_srli_epi16(x, 8);
         const __m512i luma = m_bLumaOdd ? odd : even, chroma = m_bLumaOdd ? even : odd;
-        sb = _mm512_dpwssd_epi32(m_cB, chroma, m_kCb);
-        sg = _mm512_dpwssd_epi32(m_cG, chroma, m_kCg);
-        sr = _mm512_dpwssd_epi32(m_cR, chroma, m_kCr);
-        y1 = _mm512_madd_epi16(luma, m_kY1);
-        y2 = _mm512_madd_epi16(luma, m_kY2);
+        const __m512i c[3] = {_mm512_dpwssd_epi32(m_cB, chroma, m_kCb), _mm512_dpwssd_epi32(m_cG, chroma, m_kCg),
+                              _mm512_dpwssd_epi32(m_cR, chroma, m_kCr)};
+        for (int k = 0; k < 3; ++k) {
+            const __m512i ck = m_nShift != 0 ? _mm512_srai_epi32(c[k], 2) : c[k];
+            s[k] = _mm512_dpwssd_epi32(ck, luma, m_kY1);
+            s[k + 3] = _mm512_dpwssd_epi32(ck, luma, m_kY2);
+        }
     }
 
 private:
     bool m_bLumaOdd;
+    int m_nShift;
     __m512i m_kCb, m_kCg, m_kCr, m_kY1, m_kY2, m_cB, m_cG, m_cR;
 };
 
@@ -573,30 +579,29 @@ __attribute__((target("bmi2"))) inline unsigned pixelMask(unsigned first, unsign
     return nFirst == 0 ? (a | b << 1) : (a << 1 | b);
 }
 
-// YUV to clamped BGR. Only 0 .. 255 survives the clamp, so for a sum x the
-// byte is 0 when x < 0 and x / 1000 = (x >> 3) / 125 otherwise: the unsigned
-// saturating pack of x >> 3 gives 0 for negative sums and keeps every other
-// one that matters (larger ones saturate to 65535, still above 255 * 125),
-// and the division is a multiply-high.
+// YUV to clamped BGR. Only 0 .. 255 survives the clamp, so for a sum s the
+// byte is 0 when s < 0 and s / 1000 = t / 250 otherwise, t = floor(s / 4).
+// The sums come as t + 1: its unsigned saturating pack is 0 for every
+// negative sum and exact for every t below 64000 (above, 65535 still means
+// more than 255), and for every 16-bit w = t + 1, (w * 33554 >> 16) >> 7 is
+// t / 250 when t < 64000 and at least 255 otherwise.
+// So no 32-bit shift is left per pixel, only a multiply-high and a 16-bit one.
 __attribute__((target("avx512vnni,bmi2"))) void yuvToBgrVnni(int nType, const unsigned char* pSrc,
                                                            unsigned char* pDst, std::size_t nPairs)
 {
     const YuvVnniType& t = yuvVnniTypes()[nType];
     const __m512i out0 = _mm512_load_si512(t.out[0]), out1 = _mm512_load_si512(t.out[1]);
-    const YuvSums sums(t);
-    const __m512i m125 = _mm512_set1_epi16(static_cast<short>(33555));
+    const YuvSums sums(t, true, 1);
+    const __m512i m250 = _mm512_set1_epi16(static_cast<short>(33554));
     auto quot = [&](__m512i a, __m512i b) {
-        const __m512i w = _mm512_packus_epi32(_mm512_srai_epi32(a, 3), _mm512_srai_epi32(b, 3));
-        return _mm512_srli_epi16(_mm512_mulhi_epu16(w, m125), 6);
+        return _mm512_srli_epi16(_mm512_mulhi_epu16(_mm512_packus_epi32(a, b), m250), 7);
     };
     std::size_t i = 0;
     for (; i + 16 <= nPairs; i += 16, pSrc += 64, pDst += 96) {
-        __m512i sb, sg, sr, y1, y2;
-        sums(pSrc, sb, sg, sr, y1, y2);
-        const __m512i b = quot(_mm512_add_epi32(sb, y1), _mm512_add_epi32(sb, y2));
-        const __m512i g = quot(_mm512_add_epi32(sg, y1), _mm512_add_epi32(sg, y2));
-        const __m512i r = quot(_mm512_add_epi32(sr, y1), _mm512_add_epi32(sr, y2));
-        const __m512i p0 = _mm512_packus_epi16(b, g), p1 = _mm512_packus_epi16(r, r);
+        __m512i s[6];
+        sums(pSrc, s);
+        const __m512i b = quot(s[0], s[3]), g = quot(s[1], s[4]), r = quot(s[2], s[5]);
+        const __m512i p0 = _mm512_packus_epi16(b, g), p1 = _mm512_min_epu16(r, _mm512_set1_epi16(255));
         _mm512_storeu_si512(pDst, _mm512_permutex2var_epi8(p0, out0, p1));
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst + 64),
                             _mm512_castsi512_si256(_mm512_permutex2var_epi8(p0, out1, p1)));
@@ -618,7 +623,7 @@ __attribute__((target("avx512vnni,bmi2"))) void yuvToGrayVnni(int nType, const u
     const unsigned char* pos = scalar::kGroupPos[nType];
     const Lut greyOfGrey(grey3OfGrey().weighted);
     const __m512i order = _mm512_load_si512(t.grey);
-    const YuvSums sums(t);
+    const YuvSums sums(t, false, 0);
     const __m512 milli = _mm512_set1_ps(0.001f);
     const int kTrunc = _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC;
     const __m512i halfMilli = _mm512_set1_epi32(0x3A03126F); // 0.0005f
@@ -652,10 +657,9 @@ __attribute__((target("avx512vnni,bmi2"))) void yuvToGrayVnni(int nType, const u
     };
     std::size_t i = 0;
     for (; i + 16 <= nPairs; i += 16, pSrc += 64, pDst += 32) {
-        __m512i sb, sg, sr, y1, y2;
-        sums(pSrc, sb, sg, sr, y1, y2);
-        const Lanes a = grey(_mm512_add_epi32(sb, y1), _mm512_add_epi32(sg, y1), _mm512_add_epi32(sr, y1));
-        const Lanes b = grey(_mm512_add_epi32(sb, y2), _mm512_add_epi32(sg, y2), _mm512_add_epi32(sr, y2));
+        __m512i s[6];
+        sums(pSrc, s);
+        const Lanes a = grey(s[0], s[1], s[2]), b = grey(s[3], s[4], s[5]);
         const __m512i w = _mm512_packs_epi32(_mm512_cvttps_epi32(a.x), _mm512_cvttps_epi32(b.x));
         __m512i bytes = _mm512_permutexvar_epi8(order, _mm512_packus_epi16(w, w));
         if ((a.exact | b.exact) != 0) {
