@@ -2,9 +2,11 @@
 // processor has it).
 //
 // Exactness: the YUV sums are exact 32-bit integers (multiply-adds of 16-bit
-// pairs), below 2^20 in magnitude, so their single-precision values are exact,
-// and trunc(x * 0.001f) equals trunc(x / 1000) for |x| < 2^20 (the nearest non-integer quotient is 0.001
-// away, the rounding error is below 1e-4). The weighted grey is the exact
+// pairs), below 2^20 in magnitude. The clamped BGR bytes divide them in 16-bit
+// integers (see yuvToBgr). For the grey their single-precision values are
+// exact, and trunc(x * 0.001f) equals trunc(x / 1000) for |x| < 2^20 (the
+// nearest non-integer quotient is 0.001 away, the rounding error is below
+// 1e-4). The weighted grey is the exact
 // quotient S / 1000, S = 587 g + 299 r + 114 b, except when S is a multiple of
 // 1000, where rounding in double precision may land just below the integer:
 // grey pixels (equal channels, always such a case) take the answer from a
@@ -102,26 +104,6 @@ inline void yuvQuotients8(__m128i groups, const YuvMasks& m, __m256& b, __m256& 
 }
 
 // Blue, green and red (truncated, unclamped) of the 8 pixels of four groups.
-inline void yuvToBgr8(__m128i groups, const YuvMasks& m, __m256i& b, __m256i& g, __m256i& r)
-{
-    __m256 fb, fg, fr;
-    yuvQuotients8(groups, m, fb, fg, fr);
-    b = _mm256_cvttps_epi32(fb);
-    g = _mm256_cvttps_epi32(fg);
-    r = _mm256_cvttps_epi32(fr);
-}
-
-// Clamped B, G, R of 8 pixels as two lanes of 12 interleaved bytes (+4 spare).
-inline __m256i packBgr8(__m256i b, __m256i g, __m256i r)
-{
-    const __m256i bg = _mm256_packs_epi32(b, g);
-    const __m256i rr = _mm256_packs_epi32(r, r);
-    const __m256i bytes = _mm256_packus_epi16(bg, rr);
-    const __m256i order = _mm256_setr_epi8(0, 4, 8, 1, 5, 9, 2, 6, 10, 3, 7, 11, -1, -1, -1, -1,
-                                           0, 4, 8, 1, 5, 9, 2, 6, 10, 3, 7, 11, -1, -1, -1, -1);
-    return _mm256_shuffle_epi8(bytes, order);
-}
-
 // Weighted grey of 8 pixels given as integer B, G, R (possibly outside
 // 0 .. 255): exact quotient, with the double-precision rule where it matters.
 inline __m256i weightedGrey8(__m256i b, __m256i g, __m256i r)
@@ -255,22 +237,87 @@ inline __m256i key12(__m256i px)
 
 } // namespace
 
+namespace {
+
+// What the BGR kernel needs to know of a type: 8 groups in one 32-byte load
+// split into luma and chroma word pairs (even bytes masked, odd ones shifted
+// down), chroma coefficients in the order of the chroma words, and the byte
+// shuffles that interleave the packed channels.
+struct YuvBgrType {
+    bool bLumaOdd;
+    __m256i kCb, kCg, kCr;
+    // Output bytes 0 .. 15 (a) and 16 .. 23 (b) of each lane's 8 pixels, from
+    // the blue-green pack and from the red one.
+    __m256i aBg, aR, bBg, bR;
+};
+
+YuvBgrType yuvBgrType(int nType)
+{
+    const unsigned char* pos = scalar::kGroupPos[nType];
+    const bool bVFirst = pos[3] < pos[1];
+    const int nFirst = pos[0] < pos[2] ? 0 : 1;
+    auto chroma = [&](int u, int v) { return bVFirst ? coeffPair(v, u) : coeffPair(u, v); };
+    // After the packs, the lane's first pixels of groups m = 0 .. 3 are at
+    // byte m and the second ones at m + 4: blue, green 8 bytes on, red in
+    // the red pack.
+    alignas(16) unsigned char aBg[16], aR[16], bBg[16], bR[16];
+    for (int i = 0; i < 24; ++i) {
+        const int p = i / 3, c = i % 3;
+        const int at = p / 2 + (p % 2 == nFirst ? 0 : 4);
+        unsigned char* bg = i < 16 ? aBg + i : bBg + i - 16;
+        unsigned char* r = i < 16 ? aR + i : bR + i - 16;
+        *bg = c == 2 ? 0x80 : static_cast<unsigned char>(at + 8 * c);
+        *r = c == 2 ? static_cast<unsigned char>(at) : 0x80;
+    }
+    for (int i = 8; i < 16; ++i)
+        bBg[i] = bR[i] = 0x80;
+    auto lanes = [](const unsigned char* m) {
+        return _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i*>(m)));
+    };
+    return {pos[0] % 2 == 1, chroma(2018, 0), chroma(-380, -813), chroma(0, 1159),
+            lanes(aBg), lanes(aR), lanes(bBg), lanes(bR)};
+}
+
+} // namespace
+
+// The quotient as in the AVX-512 VNNI kernel: sums as quarters plus one,
+// t + 1 = floor(s / 4) + 1 (1164 = 4 * 291, so only the per-group chroma part
+// is shifted), saturated to 16 bits by the pack, and (w * 33554 >> 16) >> 7
+// is the clamped s / 1000.
 void yuvToBgr(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs)
 {
-    const YuvMasks m = yuvMasks(nType);
+    const YuvBgrType t = yuvBgrType(nType);
+    const __m256i kY1 = coeffPair(291, 0), kY2 = coeffPair(0, 291);
+    const __m256i cB = _mm256_set1_epi32(-1164 * 16 - 2018 * 128 + 4);
+    const __m256i cG = _mm256_set1_epi32(-1164 * 16 + 813 * 128 + 380 * 128 + 4);
+    const __m256i cR = _mm256_set1_epi32(-1164 * 16 - 1159 * 128 + 4);
+    const __m256i m250 = _mm256_set1_epi16(static_cast<short>(33554));
+    auto quot = [&](__m256i c, __m256i y1, __m256i y2) {
+        const __m256i w = _mm256_packus_epi32(_mm256_add_epi32(c, y1), _mm256_add_epi32(c, y2));
+        return _mm256_srli_epi16(_mm256_mulhi_epu16(w, m250), 7);
+    };
     std::size_t i = 0;
     for (; i + 8 <= nPairs; i += 8, pSrc += 32, pDst += 48) {
-        __m256i b, g, r;
-        yuvToBgr8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pSrc)), m, b, g, r);
-        const __m256i qa = packBgr8(b, g, r);
-        yuvToBgr8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pSrc + 16)), m, b, g, r);
-        const __m256i qb = packBgr8(b, g, r);
-        // Squeeze the 4 spare bytes out of each lane: 48 bytes in 32 + 16.
-        const __m256i a = _mm256_permutevar8x32_epi32(qa, _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 7, 7));
-        const __m256i bLow = _mm256_permutevar8x32_epi32(qb, _mm256_setr_epi32(0, 0, 0, 0, 0, 0, 0, 1));
-        const __m256i bHigh = _mm256_permutevar8x32_epi32(qb, _mm256_setr_epi32(2, 4, 5, 6, 6, 6, 6, 6));
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst), _mm256_blend_epi32(a, bLow, 0xC0));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pDst + 32), _mm256_castsi256_si128(bHigh));
+        const __m256i x = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(pSrc));
+        const __m256i even = _mm256_and_si256(x, _mm256_set1_epi16(0xFF)), odd = _mm256_srli_epi16(x, 8);
+        const __m256i luma = t.bLumaOdd ? odd : even, chroma = t.bLumaOdd ? even : odd;
+        const __m256i y1 = _mm256_madd_epi16(luma, kY1), y2 = _mm256_madd_epi16(luma, kY2);
+        const __m256i cb = _mm256_srai_epi32(_mm256_add_epi32(_mm256_madd_epi16(chroma, t.kCb), cB), 2);
+        const __m256i cg = _mm256_srai_epi32(_mm256_add_epi32(_mm256_madd_epi16(chroma, t.kCg), cG), 2);
+        const __m256i cr = _mm256_srai_epi32(_mm256_add_epi32(_mm256_madd_epi16(chroma, t.kCr), cR), 2);
+        const __m256i bg = _mm256_packus_epi16(quot(cb, y1, y2), quot(cg, y1, y2));
+        const __m256i r = quot(cr, y1, y2);
+        const __m256i rr = _mm256_packus_epi16(r, r);
+        // Per lane, 24 bytes: a = 0 .. 15, b = 16 .. 23. Rows: a0 b0 a1 b1.
+        const __m256i a = _mm256_or_si256(_mm256_shuffle_epi8(bg, t.aBg), _mm256_shuffle_epi8(rr, t.aR));
+        const __m256i b = _mm256_or_si256(_mm256_shuffle_epi8(bg, t.bBg), _mm256_shuffle_epi8(rr, t.bR));
+        const __m256i lo = _mm256_blend_epi32(_mm256_permutevar8x32_epi32(a, _mm256_setr_epi32(0, 1, 2, 3, 0, 0, 4, 5)),
+                                              _mm256_permutevar8x32_epi32(b, _mm256_setr_epi32(0, 0, 0, 0, 0, 1, 0, 0)),
+                                              0x30);
+        const __m256i hi = _mm256_permutevar8x32_epi32(_mm256_blend_epi32(a, b, 0x30),
+                                                       _mm256_setr_epi32(6, 7, 4, 5, 4, 5, 4, 5));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst), lo);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pDst + 32), _mm256_castsi256_si128(hi));
     }
     scalar::kKernels.yuvToBgr(nType, pSrc, pDst, nPairs - i);
 }
