@@ -39,7 +39,12 @@ void yuvPixelBgr(int nY, int nU, int nV, unsigned char* pOut);
 unsigned char yuvPixelGray(int nY, int nU, int nV);
 void lutCopy(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, const unsigned char* lut);
 // Positions of Y0, U, Y1, V in a group for each type.
-extern const unsigned char kGroupPos[4][4];
+inline constexpr unsigned char kGroupPos[4][4] = {
+    {0, 1, 2, 3},
+    {0, 3, 2, 1},
+    {3, 2, 1, 0},
+    {3, 0, 1, 2},
+};
 // Where the double-precision rules give one less than the exact quotient
 // (built on first use, padded for 4-byte gathers). Weighted grey of bytes:
 // entry g * 256 + r is 1 for the one blue value that makes 587 g + 299 r +

@@ -117,20 +117,43 @@ inline int32x4_t weightedGrey4(int32x4_t b, int32x4_t g, int32x4_t r, bool bByte
     return vld1q_s32(aq);
 }
 
-void yuvToBgr(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs)
+// YUV to clamped BGR in integers: only 0 .. 255 survives the clamp, and
+// for s >= 0, s / 1000 = (s >> 3) / 125. With 8 added to every sum, w =
+// (s >> 3) + 1 narrowed with signed saturation, (2 w 16777 >> 16) >> 6 is
+// (s >> 3) / 125 for s below 256000, at least 255 above and negative for
+// negative sums, so the saturating narrow to bytes clamps it.
+// The YUV kernels take the type as a template argument so that the four
+// byte positions name registers of the load, not an indexed copy in memory.
+template <int nType>
+void yuvToBgrOf(const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs)
 {
-    const unsigned char* pos = scalar::kGroupPos[nType];
+    constexpr const unsigned char* pos = scalar::kGroupPos[nType];
+    const int32x4_t base = vdupq_n_s32(-1164 * 16 + 8);
+    // Coefficients by lane, so that they stay in two registers.
+    const int16x4_t kc = {2018, -380, -813, 1159}, ky = {1164, 16777, 0, 0};
+    auto channel = [&](const int32x4_t c[2], int16x8_t y) {
+        const int16x8_t w = vcombine_s16(vqshrn_n_s32(vmlal_lane_s16(c[0], vget_low_s16(y), ky, 0), 3),
+                                         vqshrn_n_s32(vmlal_lane_s16(c[1], vget_high_s16(y), ky, 0), 3));
+        return vqshrun_n_s16(vqdmulhq_lane_s16(w, ky, 1), 6);
+    };
     std::size_t i = 0;
     for (; i + 8 <= nPairs; i += 8, pSrc += 32, pDst += 48) {
         const uint8x8x4_t g = vld4_u8(pSrc);
-        const Chroma c = chroma8(g.val[pos[1]], g.val[pos[3]]);
-        int32x4_t b[2], gg[2], r[2];
-        bgr8(g.val[pos[0]], c, b, gg, r);
-        const uint8x8_t b0 = clampBytes(b), g0 = clampBytes(gg), r0 = clampBytes(r);
-        bgr8(g.val[pos[2]], c, b, gg, r);
-        const uint8x8x2_t bz = vzip_u8(b0, clampBytes(b));
-        const uint8x8x2_t gz = vzip_u8(g0, clampBytes(gg));
-        const uint8x8x2_t rz = vzip_u8(r0, clampBytes(r));
+        const int16x8_t u = vreinterpretq_s16_u16(vsubl_u8(g.val[pos[1]], vdup_n_u8(128)));
+        const int16x8_t v = vreinterpretq_s16_u16(vsubl_u8(g.val[pos[3]], vdup_n_u8(128)));
+        int32x4_t cb[2], cg[2], cr[2];
+        for (int h = 0; h < 2; ++h) {
+            const int16x4_t uh = h ? vget_high_s16(u) : vget_low_s16(u);
+            const int16x4_t vh = h ? vget_high_s16(v) : vget_low_s16(v);
+            cb[h] = vmlal_lane_s16(base, uh, kc, 0);
+            cg[h] = vmlal_lane_s16(vmlal_lane_s16(base, uh, kc, 1), vh, kc, 2);
+            cr[h] = vmlal_lane_s16(base, vh, kc, 3);
+        }
+        const int16x8_t y0 = vreinterpretq_s16_u16(vmovl_u8(g.val[pos[0]]));
+        const int16x8_t y1 = vreinterpretq_s16_u16(vmovl_u8(g.val[pos[2]]));
+        const uint8x8x2_t bz = vzip_u8(channel(cb, y0), channel(cb, y1));
+        const uint8x8x2_t gz = vzip_u8(channel(cg, y0), channel(cg, y1));
+        const uint8x8x2_t rz = vzip_u8(channel(cr, y0), channel(cr, y1));
         uint8x16x3_t out;
         out.val[0] = vcombine_u8(bz.val[0], bz.val[1]);
         out.val[1] = vcombine_u8(gz.val[0], gz.val[1]);
@@ -140,9 +163,17 @@ void yuvToBgr(int nType, const unsigned char* pSrc, unsigned char* pDst, std::si
     scalar::kKernels.yuvToBgr(nType, pSrc, pDst, nPairs - i);
 }
 
-void yuvToGray(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs)
+void yuvToBgr(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs)
 {
-    const unsigned char* pos = scalar::kGroupPos[nType];
+    static constexpr void (*s_fn[4])(const unsigned char*, unsigned char*, std::size_t) = {
+        yuvToBgrOf<0>, yuvToBgrOf<1>, yuvToBgrOf<2>, yuvToBgrOf<3>};
+    s_fn[nType](pSrc, pDst, nPairs);
+}
+
+template <int nType>
+void yuvToGrayOf(const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs)
+{
+    constexpr const unsigned char* pos = scalar::kGroupPos[nType];
     std::size_t i = 0;
     for (; i + 8 <= nPairs; i += 8, pSrc += 32, pDst += 16) {
         const uint8x8x4_t g = vld4_u8(pSrc);
@@ -159,6 +190,13 @@ void yuvToGray(int nType, const unsigned char* pSrc, unsigned char* pDst, std::s
         vst1q_u8(pDst, vcombine_u8(z.val[0], z.val[1]));
     }
     scalar::kKernels.yuvToGray(nType, pSrc, pDst, nPairs - i);
+}
+
+void yuvToGray(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs)
+{
+    static constexpr void (*s_fn[4])(const unsigned char*, unsigned char*, std::size_t) = {
+        yuvToGrayOf<0>, yuvToGrayOf<1>, yuvToGrayOf<2>, yuvToGrayOf<3>};
+    s_fn[nType](pSrc, pDst, nPairs);
 }
 
 void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)

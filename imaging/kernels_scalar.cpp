@@ -9,13 +9,6 @@
 namespace kavrel {
 namespace scalar {
 
-const unsigned char kGroupPos[4][4] = {
-    {0, 1, 2, 3},
-    {0, 3, 2, 1},
-    {3, 2, 1, 0},
-    {3, 0, 1, 2},
-};
-
 namespace {
 
 inline unsigned char clampByte(int n)
