@@ -1,6 +1,7 @@
-// NEON kernels, compiled in when the target has NEON (__ARM_NEON). The same
-// exactness arguments as for the x86 sets hold (single-precision arithmetic on
-// integers below 2^24, truncating conversion); 32-bit NEON has no double
+// NEON kernels, compiled in when the target has NEON (__ARM_NEON). Clamped
+// YUV colour and the greys of bytes are exact integer quotients in 16-bit
+// lanes; YUV to grey works in single precision on integers below 2^24 with
+// truncating conversion, as the x86 sets do. 32-bit NEON has no double
 // precision, so the few grey values that double rounding decides (exact
 // quotients) are looked up, lane by lane: from bytes in the tables of the
 // exact cases, for YUV's unclamped colour by value for grey pixels and by the
@@ -83,9 +84,9 @@ inline uint8x8_t clampBytes(const int32x4_t v[2])
     return vqmovun_s16(vcombine_s16(vqmovn_s32(v[0]), vqmovn_s32(v[1])));
 }
 
-// Weighted grey of 4 pixels; exact quotients in 1 .. 255 follow the double
-// rule. bBytes: all channels are in 0 .. 255.
-inline int32x4_t weightedGrey4(int32x4_t b, int32x4_t g, int32x4_t r, bool bBytes)
+// Weighted grey of 4 pixels of unclamped colour; exact quotients in 1 .. 255
+// follow the double rule.
+inline int32x4_t weightedGrey4(int32x4_t b, int32x4_t g, int32x4_t r)
 {
     const float32x4_t s = vaddq_f32(vaddq_f32(vmulq_n_f32(vcvtq_f32_s32(g), 587.0f),
                                               vmulq_n_f32(vcvtq_f32_s32(r), 299.0f)),
@@ -104,16 +105,10 @@ inline int32x4_t weightedGrey4(int32x4_t b, int32x4_t g, int32x4_t r, bool bByte
     vst1q_s32(aq, q);
     vst1q_u32(ae, exact);
     // Exact lanes have q in 1 .. 255, and a grey pixel's q is its value.
-    const unsigned char* fix = bBytes ? scalar::weightedFixEntries() : nullptr;
-    const unsigned char* ofGrey = bBytes ? nullptr : weightedOfGrey();
-    for (int i = 0; i < 4; ++i) {
-        if (!ae[i])
-            continue;
-        if (bBytes)
-            aq[i] -= fix[ag[i] * 256 + ar[i]];
-        else
+    const unsigned char* ofGrey = weightedOfGrey();
+    for (int i = 0; i < 4; ++i)
+        if (ae[i])
             aq[i] = ab[i] == ag[i] && ag[i] == ar[i] ? ofGrey[aq[i]] : ref::weightedGrey(ab[i], ag[i], ar[i]);
-    }
     return vld1q_s32(aq);
 }
 
@@ -180,12 +175,12 @@ void yuvToGrayOf(const unsigned char* pSrc, unsigned char* pDst, std::size_t nPa
         const Chroma c = chroma8(g.val[pos[1]], g.val[pos[3]]);
         int32x4_t b[2], gg[2], r[2], q[2];
         bgr8(g.val[pos[0]], c, b, gg, r);
-        q[0] = weightedGrey4(b[0], gg[0], r[0], false);
-        q[1] = weightedGrey4(b[1], gg[1], r[1], false);
+        q[0] = weightedGrey4(b[0], gg[0], r[0]);
+        q[1] = weightedGrey4(b[1], gg[1], r[1]);
         const uint8x8_t left = clampBytes(q);
         bgr8(g.val[pos[2]], c, b, gg, r);
-        q[0] = weightedGrey4(b[0], gg[0], r[0], false);
-        q[1] = weightedGrey4(b[1], gg[1], r[1], false);
+        q[0] = weightedGrey4(b[0], gg[0], r[0]);
+        q[1] = weightedGrey4(b[1], gg[1], r[1]);
         const uint8x8x2_t z = vzip_u8(left, clampBytes(q));
         vst1q_u8(pDst, vcombine_u8(z.val[0], z.val[1]));
     }
@@ -201,16 +196,33 @@ void yuvToGray(int nType, const unsigned char* pSrc, unsigned char* pDst, std::s
 
 void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
+    // From bytes S = 587 g + 299 r + 114 b = 8 P + t with P = 73 g + 37 r +
+    // 14 b and t = 3 g + 3 r + 2 b, both byte multiply-adds in 16 bits, so
+    // w = S / 8 + 1 = P + 1 + (t >> 3) is below 32768, and (2 w 16777 >> 16)
+    // >> 6 is S / 1000 (true for every such w). Where S is a multiple of 1000
+    // the double-precision rule may give one less: the (g, r) table says so.
+    const unsigned char* fix = scalar::weightedFixEntries();
     std::size_t i = 0;
     for (; i + 8 <= n; i += 8, pSrc += 24, pDst += 8) {
         const uint8x8x3_t p = vld3_u8(pSrc);
-        const int16x8_t b = vreinterpretq_s16_u16(vmovl_u8(p.val[0]));
-        const int16x8_t g = vreinterpretq_s16_u16(vmovl_u8(p.val[1]));
-        const int16x8_t r = vreinterpretq_s16_u16(vmovl_u8(p.val[2]));
-        int32x4_t q[2];
-        q[0] = weightedGrey4(vmovl_s16(vget_low_s16(b)), vmovl_s16(vget_low_s16(g)), vmovl_s16(vget_low_s16(r)), true);
-        q[1] = weightedGrey4(vmovl_s16(vget_high_s16(b)), vmovl_s16(vget_high_s16(g)), vmovl_s16(vget_high_s16(r)), true);
-        vst1_u8(pDst, clampBytes(q));
+        uint16x8_t w = vmlal_u8(vdupq_n_u16(1), p.val[1], vdup_n_u8(73));
+        w = vmlal_u8(w, p.val[2], vdup_n_u8(37));
+        w = vmlal_u8(w, p.val[0], vdup_n_u8(14));
+        uint16x8_t t = vmull_u8(p.val[1], vdup_n_u8(3));
+        t = vmlal_u8(t, p.val[2], vdup_n_u8(3));
+        t = vmlal_u8(t, p.val[0], vdup_n_u8(2));
+        w = vsraq_n_u16(w, t, 3);
+        const uint16x8_t q = vshrq_n_u16(vreinterpretq_u16_s16(vqdmulhq_n_s16(vreinterpretq_s16_u16(w), 16777)), 6);
+        vst1_u8(pDst, vmovn_u16(q));
+        // Exact: t a multiple of 8 and w - 1 = 125 q.
+        const uint16x8_t exact = vbicq_u16(vceqq_u16(vmlaq_n_u16(vdupq_n_u16(1), q, 125), w),
+                                           vtstq_u16(t, vdupq_n_u16(7)));
+        uint64_t m = vget_lane_u64(vreinterpret_u64_u8(vmovn_u16(exact)), 0);
+        for (int j = 0; m != 0; ++j, m >>= 8)
+            if (m & 0xFF) {
+                const unsigned char* px = pSrc + 3 * j;
+                pDst[j] = static_cast<unsigned char>(pDst[j] - fix[px[1] * 256 + px[2]]);
+            }
     }
     scalar::kKernels.bgrToGray(pSrc, pDst, n - i);
 }
