@@ -251,7 +251,7 @@ struct YuvBgrType {
     __m256i aBg, aR, bBg, bR;
 };
 
-YuvBgrType yuvBgrType(int nType)
+YuvBgrType makeYuvBgrType(int nType)
 {
     const unsigned char* pos = scalar::kGroupPos[nType];
     const bool bVFirst = pos[3] < pos[1];
@@ -259,23 +259,27 @@ YuvBgrType yuvBgrType(int nType)
     auto chroma = [&](int u, int v) { return bVFirst ? coeffPair(v, u) : coeffPair(u, v); };
     // After the packs, the lane's first pixels of groups m = 0 .. 3 are at
     // byte m and the second ones at m + 4: blue, green 8 bytes on, red in
-    // the red pack.
-    alignas(16) unsigned char aBg[16], aR[16], bBg[16], bR[16];
-    for (int i = 0; i < 24; ++i) {
+    // the red pack. Output bytes 24 .. 31 are unused.
+    alignas(16) unsigned char bg[32], r[32];
+    for (int i = 0; i < 32; ++i) {
         const int p = i / 3, c = i % 3;
         const int at = p / 2 + (p % 2 == nFirst ? 0 : 4);
-        unsigned char* bg = i < 16 ? aBg + i : bBg + i - 16;
-        unsigned char* r = i < 16 ? aR + i : bR + i - 16;
-        *bg = c == 2 ? 0x80 : static_cast<unsigned char>(at + 8 * c);
-        *r = c == 2 ? static_cast<unsigned char>(at) : 0x80;
+        bg[i] = i >= 24 || c == 2 ? 0x80 : static_cast<unsigned char>(at + 8 * c);
+        r[i] = i < 24 && c == 2 ? static_cast<unsigned char>(at) : 0x80;
     }
-    for (int i = 8; i < 16; ++i)
-        bBg[i] = bR[i] = 0x80;
     auto lanes = [](const unsigned char* m) {
         return _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i*>(m)));
     };
     return {pos[0] % 2 == 1, chroma(2018, 0), chroma(-380, -813), chroma(0, 1159),
-            lanes(aBg), lanes(aR), lanes(bBg), lanes(bR)};
+            lanes(bg), lanes(r), lanes(bg + 16), lanes(r + 16)};
+}
+
+// Built once: the VNNI kernel hands every row end here.
+const YuvBgrType& yuvBgrType(int nType)
+{
+    static const YuvBgrType s_types[4] = {makeYuvBgrType(0), makeYuvBgrType(1), makeYuvBgrType(2),
+                                          makeYuvBgrType(3)};
+    return s_types[nType];
 }
 
 } // namespace
@@ -286,7 +290,7 @@ YuvBgrType yuvBgrType(int nType)
 // is the clamped s / 1000.
 void yuvToBgr(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs)
 {
-    const YuvBgrType t = yuvBgrType(nType);
+    const YuvBgrType& t = yuvBgrType(nType);
     const __m256i kY1 = coeffPair(291, 0), kY2 = coeffPair(0, 291);
     const __m256i cB = _mm256_set1_epi32(-1164 * 16 - 2018 * 128 + 4);
     const __m256i cG = _mm256_set1_epi32(-1164 * 16 + 813 * 128 + 380 * 128 + 4);
