@@ -84,19 +84,11 @@ inline uint8x8_t clampBytes(const int32x4_t v[2])
     return vqmovun_s16(vcombine_s16(vqmovn_s32(v[0]), vqmovn_s32(v[1])));
 }
 
-// Weighted grey of 4 pixels of unclamped colour; exact quotients in 1 .. 255
-// follow the double rule.
-inline int32x4_t weightedGrey4(int32x4_t b, int32x4_t g, int32x4_t r)
+// The exact lanes of weightedGrey4, out of line so that the vector path
+// does not spill for them: grey pixels (q is their value) by the table,
+// others by the rule.
+__attribute__((noinline)) int32x4_t exactLanes(int32x4_t b, int32x4_t g, int32x4_t r, int32x4_t q, uint32x4_t exact)
 {
-    const float32x4_t s = vaddq_f32(vaddq_f32(vmulq_n_f32(vcvtq_f32_s32(g), 587.0f),
-                                              vmulq_n_f32(vcvtq_f32_s32(r), 299.0f)),
-                                    vmulq_n_f32(vcvtq_f32_s32(b), 114.0f));
-    int32x4_t q = div1000(s);
-    const uint32x4_t exact = vandq_u32(vceqq_f32(vmulq_n_f32(vcvtq_f32_s32(q), 1000.0f), s),
-                                       vandq_u32(vcgtq_s32(q, vdupq_n_s32(0)), vcltq_s32(q, vdupq_n_s32(256))));
-    const uint32x2_t any = vorr_u32(vget_low_u32(exact), vget_high_u32(exact));
-    if ((vget_lane_u32(any, 0) | vget_lane_u32(any, 1)) == 0)
-        return q;
     int32_t ab[4], ag[4], ar[4], aq[4];
     uint32_t ae[4];
     vst1q_s32(ab, b);
@@ -104,12 +96,28 @@ inline int32x4_t weightedGrey4(int32x4_t b, int32x4_t g, int32x4_t r)
     vst1q_s32(ar, r);
     vst1q_s32(aq, q);
     vst1q_u32(ae, exact);
-    // Exact lanes have q in 1 .. 255, and a grey pixel's q is its value.
     const unsigned char* ofGrey = weightedOfGrey();
     for (int i = 0; i < 4; ++i)
         if (ae[i])
             aq[i] = ab[i] == ag[i] && ag[i] == ar[i] ? ofGrey[aq[i]] : ref::weightedGrey(ab[i], ag[i], ar[i]);
     return vld1q_s32(aq);
+}
+
+// Weighted grey of 4 pixels of unclamped colour. W = 587 g + 299 r + 114 b
+// is exact in 32 bits, and (2 W 2147484 >> 32) is W / 1000 rounded down for
+// every W below 256000 (above, it is at least 256; below 0, negative; both
+// clamp alike). Exact quotients in 1 .. 255 follow the double rule.
+inline int32x4_t weightedGrey4(int32x4_t b, int32x4_t g, int32x4_t r)
+{
+    const int32x4_t w = vmlaq_n_s32(vmlaq_n_s32(vmulq_n_s32(g, 587), r, 299), b, 114);
+    const int32x4_t q = vqdmulhq_n_s32(w, 2147484);
+    const uint32x4_t exact = vandq_u32(vceqq_s32(vmlsq_n_s32(w, q, 1000), vdupq_n_s32(0)),
+                                       vcltq_u32(vreinterpretq_u32_s32(vsubq_s32(q, vdupq_n_s32(1))),
+                                                 vdupq_n_u32(255)));
+    const uint32x2_t any = vorr_u32(vget_low_u32(exact), vget_high_u32(exact));
+    if ((vget_lane_u32(any, 0) | vget_lane_u32(any, 1)) == 0)
+        return q;
+    return exactLanes(b, g, r, q, exact);
 }
 
 // YUV to clamped BGR in integers: only 0 .. 255 survives the clamp, and
