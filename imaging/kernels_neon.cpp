@@ -1,7 +1,8 @@
 // NEON kernels, compiled in when the target has NEON (__ARM_NEON). Clamped
 // YUV colour and the greys of bytes are exact integer quotients in 16-bit
-// lanes; YUV to grey works in single precision on integers below 2^24 with
-// truncating conversion, as the x86 sets do. 32-bit NEON has no double
+// lanes; YUV to grey truncates its unclamped channels in single precision
+// (integers below 2^24, truncating conversion, as the x86 sets do) and forms
+// the weighted sum and its quotient in 32-bit integers. 32-bit NEON has no double
 // precision, so the few grey values that double rounding decides (exact
 // quotients) are looked up, lane by lane: from bytes in the tables of the
 // exact cases, for YUV's unclamped colour by value for grey pixels and by the
