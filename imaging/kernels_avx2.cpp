@@ -419,11 +419,7 @@ void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
                 if (__builtin_popcount(other) <= 4) {
                     // Few (noise): lane by lane from the table.
                     _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst), bytes);
-                    for (unsigned mask = other; mask != 0; mask &= mask - 1) {
-                        const int j = __builtin_ctz(mask);
-                        const unsigned char* p = pSrc + 3 * j;
-                        pDst[j] = static_cast<unsigned char>(pDst[j] - fix[p[1] * 256 + p[2]]);
-                    }
+                    lowerExactLanes(pDst, pSrc, other, [fix](const unsigned char* p) { return fix[p[1] * 256 + p[2]]; });
                     continue;
                 }
                 __m256i f[4];
@@ -469,11 +465,8 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
                 // Few (noise has one in 20): lane by lane from the table,
                 // which holds grey pixels too.
                 _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst), bytes);
-                for (unsigned mask = lanes; mask != 0; mask &= mask - 1) {
-                    const int j = __builtin_ctz(mask);
-                    const unsigned char* p = pSrc + 3 * j;
-                    pDst[j] = static_cast<unsigned char>(pDst[j] - ((fix[p[1] * 256 + p[2]] >> (p[0] / 20)) & 1));
-                }
+                lowerExactLanes(pDst, pSrc, lanes,
+                                [fix](const unsigned char* p) { return (fix[p[1] * 256 + p[2]] >> (p[0] / 20)) & 1; });
                 continue;
             }
             // Grey pixels are always exact; when they are the only exact ones,

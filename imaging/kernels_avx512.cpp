@@ -212,11 +212,8 @@ __attribute__((target("avx512vnni"))) void bgrToGrayVnni(const unsigned char* pS
                                                     order, _mm512_packs_epi16(_mm512_movm_epi16(ea), _mm512_movm_epi16(eb))));
                 if (nOther <= 8) {
                     _mm512_storeu_si512(pDst, bytes);
-                    for (unsigned long long mask = other; mask != 0; mask &= mask - 1) {
-                        const int j = __builtin_ctzll(mask);
-                        const unsigned char* p = pSrc + 3 * j;
-                        pDst[j] = static_cast<unsigned char>(pDst[j] - fix[p[1] * 256 + p[2]]);
-                    }
+                    avx2::lowerExactLanes(pDst, pSrc, other,
+                                          [fix](const unsigned char* p) { return fix[p[1] * 256 + p[2]]; });
                     continue;
                 }
                 __m512i f[4];
