@@ -235,6 +235,22 @@ inline __m256i key12(__m256i px)
                            _mm256_and_si256(_mm256_srli_epi32(px, 16), _mm256_set1_epi32(0xFF)));
 }
 
+// Grey pixels are always exact. When they are the block's only exact ones
+// (ea, eb: the exact words of its two halves), the bit set answers them all,
+// q being the value itself: bytes are lowered and the answer is true.
+inline bool lowerGreyOnly(__m256i& bytes, __m256i ea, __m256i eb, const __m256i (&px)[4], __m256i order,
+                          const ByteBitSet& equalFix)
+{
+    const __m256i z = _mm256_setzero_si256();
+    const __m256i ga = _mm256_cmpeq_epi16(_mm256_packs_epi32(greyness(px[0]), greyness(px[1])), z);
+    const __m256i gb = _mm256_cmpeq_epi16(_mm256_packs_epi32(greyness(px[2]), greyness(px[3])), z);
+    if (!_mm256_testc_si256(ga, ea) || !_mm256_testc_si256(gb, eb))
+        return false;
+    const __m256i grey = _mm256_permutevar8x32_epi32(_mm256_packs_epi16(ga, gb), order);
+    bytes = _mm256_sub_epi8(bytes, _mm256_and_si256(equalFix(bytes), grey));
+    return true;
+}
+
 } // namespace
 
 namespace {
@@ -406,14 +422,7 @@ void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
         const __m256i eb = _mm256_and_si256(_mm256_cmpeq_epi16(_mm256_mullo_epi16(qb, k125), sb),
                                             _mm256_cmpeq_epi16(_mm256_packs_epi32(t7[2], t7[3]), z));
         if (!_mm256_testz_si256(_mm256_or_si256(ea, eb), _mm256_or_si256(ea, eb))) {
-            // Grey pixels are always exact; when they are the only exact ones,
-            // the bit set answers (q is the value itself).
-            const __m256i ga = _mm256_cmpeq_epi16(_mm256_packs_epi32(greyness(px[0]), greyness(px[1])), z);
-            const __m256i gb = _mm256_cmpeq_epi16(_mm256_packs_epi32(greyness(px[2]), greyness(px[3])), z);
-            if (_mm256_testc_si256(ga, ea) && _mm256_testc_si256(gb, eb)) {
-                const __m256i grey = _mm256_permutevar8x32_epi32(_mm256_packs_epi16(ga, gb), order);
-                bytes = _mm256_sub_epi8(bytes, _mm256_and_si256(equalFix(bytes), grey));
-            } else {
+            if (!lowerGreyOnly(bytes, ea, eb, px, order, equalFix)) {
                 const __m256i exact = _mm256_permutevar8x32_epi32(_mm256_packs_epi16(ea, eb), order);
                 const unsigned other = static_cast<unsigned>(_mm256_movemask_epi8(exact));
                 if (__builtin_popcount(other) <= 4) {
@@ -469,15 +478,7 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
                                 [fix](const unsigned char* p) { return (fix[p[1] * 256 + p[2]] >> (p[0] / 20)) & 1; });
                 continue;
             }
-            // Grey pixels are always exact; when they are the only exact ones,
-            // the bit set answers (q is the value itself).
-            const __m256i z = _mm256_setzero_si256();
-            const __m256i ga = _mm256_cmpeq_epi16(_mm256_packs_epi32(greyness(px[0]), greyness(px[1])), z);
-            const __m256i gb = _mm256_cmpeq_epi16(_mm256_packs_epi32(greyness(px[2]), greyness(px[3])), z);
-            if (_mm256_testc_si256(ga, ea) && _mm256_testc_si256(gb, eb)) {
-                const __m256i grey = _mm256_permutevar8x32_epi32(_mm256_packs_epi16(ga, gb), order);
-                bytes = _mm256_sub_epi8(bytes, _mm256_and_si256(equalFix(bytes), grey));
-            } else {
+            if (!lowerGreyOnly(bytes, ea, eb, px, order, equalFix)) {
                 __m256i f[4];
                 for (int k = 0; k < 4; ++k) {
                     // b0 / 20 = (b0 * 3277) >> 16 picks the bit.

@@ -106,6 +106,16 @@ inline __m512i grey3FixBits(const __m512i px[4], const unsigned short* fix, __m5
     return pack64(f[0], f[1], f[2], f[3], order, false);
 }
 
+// Grey pixels of a 64-pixel block, (b0, b1, b2, b1) equal to itself rotated
+// by a byte, as a mask in pixel order.
+inline __mmask64 greyPixels(const __m512i (&px)[4])
+{
+    __mmask64 grey = 0;
+    for (int k = 0; k < 4; ++k)
+        grey |= static_cast<__mmask64>(_mm512_cmpeq_epi32_mask(px[k], _mm512_ror_epi32(px[k], 8))) << (16 * k);
+    return grey;
+}
+
 // Byte permutes for 64 packed 3-byte pixels read as three full 64-byte loads
 // (built once: padded images come row by row). Pixel 16 k + j of quarter k,
 // as the dword (byte 0, byte 1, byte 2, byte 1), comes from byte 3 (16 k + j)
@@ -194,17 +204,13 @@ __attribute__((target("avx512vnni"))) void bgrToGrayVnni(const unsigned char* pS
         const __mmask32 eb = _mm512_mask_cmpeq_epi16_mask(_mm512_cmpeq_epi16_mask(_mm512_packs_epi32(t7[2], t7[3]), z),
                                                           _mm512_mullo_epi16(qb, k125), sb);
         if ((ea | eb) != 0) {
-            __mmask16 g[4];
-            for (int k = 0; k < 4; ++k)
-                g[k] = _mm512_cmpeq_epi32_mask(px[k], _mm512_ror_epi32(px[k], 8));
-            if ((g[0] & g[1] & g[2] & g[3]) == 0xFFFF) {
+            const __mmask64 grey = greyPixels(px);
+            if (grey == ~0ULL) {
                 // All grey (a grey picture): every answer by value.
                 _mm512_storeu_si512(pDst, greyOfGrey(bytes));
                 bGreyRun = true;
                 continue;
             }
-            const __mmask64 grey = static_cast<__mmask64>(g[0]) | static_cast<__mmask64>(g[1]) << 16
-                                 | static_cast<__mmask64>(g[2]) << 32 | static_cast<__mmask64>(g[3]) << 48;
             bytes = _mm512_mask_blend_epi8(grey, bytes, greyOfGrey(bytes));
             const int nOther = __builtin_popcount(ea) + __builtin_popcount(eb) - __builtin_popcountll(grey);
             if (nOther > 0) {
@@ -294,16 +300,12 @@ __attribute__((target("avx512vnni"))) void grey3To1Vnni(const unsigned char* pSr
                 continue;
             }
             // Many: grey pixels by value, the others by gathered table bits.
-            __mmask16 g[4];
-            for (int k = 0; k < 4; ++k)
-                g[k] = _mm512_cmpeq_epi32_mask(px[k], _mm512_ror_epi32(px[k], 8));
-            if ((g[0] & g[1] & g[2] & g[3]) == 0xFFFF) {
+            const __mmask64 grey = greyPixels(px);
+            if (grey == ~0ULL) {
                 _mm512_storeu_si512(pDst, greyOfGrey(bytes));
                 bGreyRun = true;
                 continue;
             }
-            const __mmask64 grey = static_cast<__mmask64>(g[0]) | static_cast<__mmask64>(g[1]) << 16
-                                 | static_cast<__mmask64>(g[2]) << 32 | static_cast<__mmask64>(g[3]) << 48;
             bytes = _mm512_mask_blend_epi8(grey, bytes, greyOfGrey(bytes));
             const int nOther = nExact - __builtin_popcountll(grey);
             if (nOther > 8)
