@@ -6,13 +6,13 @@
 // integers (see yuvToBgr). For the grey their single-precision values are
 // exact, and trunc(x * 0.001f) equals trunc(x / 1000) for |x| < 2^20 (the
 // nearest non-integer quotient is 0.001 away, the rounding error is below
-// 1e-4). The weighted grey is the exact
-// quotient S / 1000, S = 587 g + 299 r + 114 b, except when S is a multiple of
-// 1000, where rounding in double precision may land just below the integer:
-// grey pixels (equal channels, always such a case) take the answer from a
-// 256-bit set built with the reference rule, other such vectors are recomputed
-// in double precision with the very same operations. The driver's grey works
-// the same way on its own integer (see grey3To1).
+// 1e-4). The weighted grey is the exact quotient S / 1000, S = 587 g + 299 r
+// + 114 b, except when S is a multiple of 1000, where rounding in double
+// precision may land just below the integer: grey pixels (equal channels,
+// always such a case) take the answer from a 256-bit set built with the
+// reference rule, other such vectors are recomputed in double precision with
+// the very same operations. The driver's grey works the same way on its own
+// integer (see grey3To1).
 
 #include "imaging/kernels_x86.h"
 
@@ -103,7 +103,6 @@ inline void yuvQuotients8(__m128i groups, const YuvMasks& m, __m256& b, __m256& 
     r = _mm256_mul_ps(_mm256_cvtepi32_ps(sr), k);
 }
 
-// Blue, green and red (truncated, unclamped) of the 8 pixels of four groups.
 // Weighted grey of 8 pixels given as integer B, G, R (possibly outside
 // 0 .. 255): exact quotient, with the double-precision rule where it matters.
 inline __m256i weightedGrey8(__m256i b, __m256i g, __m256i r)
@@ -250,10 +249,6 @@ inline bool lowerGreyOnly(__m256i& bytes, __m256i ea, __m256i eb, const __m256i 
     bytes = _mm256_sub_epi8(bytes, _mm256_and_si256(equalFix(bytes), grey));
     return true;
 }
-
-} // namespace
-
-namespace {
 
 // What the BGR kernel needs to know of a type: 8 groups in one 32-byte load
 // split into luma and chroma word pairs (even bytes masked, odd ones shifted

@@ -147,9 +147,11 @@ const Block64Tables& block64Tables()
     return s_tables;
 }
 
-// The same with VNNI: each dot product is one vpdpbusd (the second one
-// accumulating onto t / 8), and the 192 source bytes come in as three full
-// loads spread by byte permutes.
+// Weighted grey of 3-byte pixels (b, g, r), as in the AVX2 set: S / 8 =
+// P + t / 8 with P = 73 g + 37 r + 14 b and t = 3 g + 3 r + 2 b, over 125 by
+// a multiply-high; exact multiples of 1000 from the tables. Each dot product
+// is one vpdpbusd (the second one accumulating onto t / 8), and the 192
+// source bytes come in as three full loads spread by byte permutes.
 __attribute__((target("avx512vnni"))) void bgrToGrayVnni(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
     const Lut greyOfGrey(grey3OfGrey().weighted);
