@@ -147,6 +147,18 @@ const Block64Tables& block64Tables()
     return s_tables;
 }
 
+// Whether every pixel of the block in x0 .. x2 is grey; blue then holds
+// their values.
+inline bool allGreyBlock(const Block64Tables& tables, __m512i x0, __m512i x1, __m512i x2, __m512i& blue)
+{
+    __m512i ch[3];
+    for (int c = 0; c < 3; ++c)
+        ch[c] = _mm512_mask_blend_epi8(~0ULL << 42, _mm512_permutex2var_epi8(x0, _mm512_load_si512(tables.chanLo[c]), x1),
+                                       _mm512_permutex2var_epi8(x1, _mm512_load_si512(tables.chanHi[c]), x2));
+    blue = ch[0];
+    return (_mm512_cmpeq_epi8_mask(ch[0], ch[1]) & _mm512_cmpeq_epi8_mask(ch[1], ch[2])) == ~0ULL;
+}
+
 // Weighted grey of 3-byte pixels (b, g, r), as in the AVX2 set: S / 8 =
 // P + t / 8 with P = 73 g + 37 r + 14 b and t = 3 g + 3 r + 2 b, over 125 by
 // a multiply-high; exact multiples of 1000 from the tables. Each dot product
@@ -158,12 +170,6 @@ __attribute__((target("avx512vnni"))) void bgrToGrayVnni(const unsigned char* pS
     const unsigned char* fix = scalar::weightedFixEntries();
     const Block64Tables& tables = block64Tables();
     const auto& expandIdx = tables.idx;
-    const __mmask64 chanHiPixels = ~0ULL << 42;
-    auto channel = [&](int c, __m512i x0, __m512i x1, __m512i x2) {
-        return _mm512_mask_blend_epi8(chanHiPixels,
-                                      _mm512_permutex2var_epi8(x0, _mm512_load_si512(tables.chanLo[c]), x1),
-                                      _mm512_permutex2var_epi8(x1, _mm512_load_si512(tables.chanHi[c]), x2));
-    };
     // Set after an all-grey block: the next one tries the cheap test first,
     // so grey pictures skip the arithmetic and colour ones never pay for it.
     bool bGreyRun = false;
@@ -176,8 +182,8 @@ __attribute__((target("avx512vnni"))) void bgrToGrayVnni(const unsigned char* pS
     for (; i + 64 <= n; i += 64, pSrc += 192, pDst += 64) {
         const __m512i x0 = _mm512_loadu_si512(pSrc), x1 = _mm512_loadu_si512(pSrc + 64), x2 = _mm512_loadu_si512(pSrc + 128);
         if (bGreyRun) {
-            const __m512i b = channel(0, x0, x1, x2), g = channel(1, x0, x1, x2), r = channel(2, x0, x1, x2);
-            if ((_mm512_cmpeq_epi8_mask(b, g) & _mm512_cmpeq_epi8_mask(g, r)) == ~0ULL) {
+            __m512i b;
+            if (allGreyBlock(tables, x0, x1, x2, b)) {
                 _mm512_storeu_si512(pDst, greyOfGrey(b));
                 continue;
             }
@@ -246,12 +252,6 @@ __attribute__((target("avx512vnni"))) void grey3To1Vnni(const unsigned char* pSr
     const Lut greyOfGrey(grey3OfGrey().value);
     const unsigned short* fix = scalar::grey3FixEntries();
     const Block64Tables& tables = block64Tables();
-    const __mmask64 chanHiPixels = ~0ULL << 42;
-    auto channel = [&](int c, __m512i x0, __m512i x1, __m512i x2) {
-        return _mm512_mask_blend_epi8(chanHiPixels,
-                                      _mm512_permutex2var_epi8(x0, _mm512_load_si512(tables.chanLo[c]), x1),
-                                      _mm512_permutex2var_epi8(x1, _mm512_load_si512(tables.chanHi[c]), x2));
-    };
     bool bGreyRun = false;
     const __m512i e0 = _mm512_load_si512(tables.idx[0]), e1 = _mm512_load_si512(tables.idx[1]);
     const __m512i e2 = _mm512_load_si512(tables.idx[2]), e3 = _mm512_sub_epi8(_mm512_load_si512(tables.idx[3]), _mm512_set1_epi8(64));
@@ -262,8 +262,8 @@ __attribute__((target("avx512vnni"))) void grey3To1Vnni(const unsigned char* pSr
     for (; i + 64 <= n; i += 64, pSrc += 192, pDst += 64) {
         const __m512i x0 = _mm512_loadu_si512(pSrc), x1 = _mm512_loadu_si512(pSrc + 64), x2 = _mm512_loadu_si512(pSrc + 128);
         if (bGreyRun) {
-            const __m512i b = channel(0, x0, x1, x2), g = channel(1, x0, x1, x2), r = channel(2, x0, x1, x2);
-            if ((_mm512_cmpeq_epi8_mask(b, g) & _mm512_cmpeq_epi8_mask(g, r)) == ~0ULL) {
+            __m512i b;
+            if (allGreyBlock(tables, x0, x1, x2, b)) {
                 _mm512_storeu_si512(pDst, greyOfGrey(b));
                 continue;
             }
