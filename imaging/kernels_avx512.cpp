@@ -473,74 +473,96 @@ __attribute__((target("avx512vnni,bmi2"))) void yuvToBgrVnni(int nType, const un
     avx2::yuvToBgr(nType, pSrc, pDst, nPairs - i);
 }
 
-// YUV to grey of the unclamped colour. In single precision, x * 0.001f
-// truncated is exactly x / 1000 truncated for every integer sum here (0.001f
-// is a little above 0.001 and the sums stay far below 2^24), and the weighted
-// sum W = 587 g + 299 r + 114 b of the truncated channels is exact. Where W
-// is a multiple of 1000 the double-precision rule may give one less: grey
-// pixels (all channels equal) take their answer from the table by value,
-// any other such pixel (about one in a thousand) is redone by the rule.
+// YUV to grey of the unclamped colour, without a rounding instruction: a
+// multiply-add rounded down onto a constant leaves the integer part of the
+// product in the low bits of the result's bit pattern.
+//
+// Channels: y = s * 0.001f + 1.5 * 2^23, rounded down, is 1.5 * 2^23 +
+// floor(s * 0.001f), and floor(s * 0.001f) is s / 1000 truncated for s >= 0
+// and one less for s < 0 (0.001f is a little above 0.001, so even an exact
+// negative multiple lands just below its quotient). The low word of y's bits
+// is that floor; the high word is 0x4B40, or 0x4B3F when s < 0. So with
+// word pairs (w, -w) one vpdpwssd per channel adds w times the truncated
+// quotient to W = 587 g + 299 r + 114 b, less w * 0x4B40, which the sum's
+// starting value puts back.
+//
+// Grey: z = W * 0.001f + 12288, rounded down, keeps ten fraction bits
+// (units of 1 / 1024): its bits are 0x46400000 + floor(1024 W * 0.001f). The
+// integer part is W / 1000 truncated (below 0 it clamps to the same 0), and
+// for W >= 0 the fraction bits are all 0 exactly where W is a multiple of
+// 1000, where the double-precision rule may give one less. Grey pixels
+// (equal channels, so equal bit patterns) take that answer from a table by
+// value; any other such pixel (about one in a thousand) is redone by the
+// rule after the run of blocks, so that the loop itself calls nothing and
+// keeps its constants in registers.
 __attribute__((target("avx512vnni,bmi2"))) void yuvToGrayVnni(int nType, const unsigned char* pSrc,
                                                             unsigned char* pDst, std::size_t nPairs)
 {
     const YuvVnniType& t = yuvVnniTypes()[nType];
     const unsigned char* pos = scalar::kGroupPos[nType];
-    const Lut greyOfGrey(grey3OfGrey().weighted);
-    const __m512i order = _mm512_load_si512(t.grey);
-    const YuvSums sums(t, false, 0);
-    const __m512 milli = _mm512_set1_ps(0.001f);
-    const int kTrunc = _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC;
-    const __m512i halfMilli = _mm512_set1_epi32(0x3A03126F); // 0.0005f
-    auto channel = [&](__m512i s) { return _mm512_roundscale_ps(_mm512_mul_ps(_mm512_cvtepi32_ps(s), milli), kTrunc); };
-    struct Lanes {
-        __m512 b, g, r, w, x;
-        __mmask16 exact;
-    };
-    auto grey = [&](__m512i sb, __m512i sg, __m512i sr) {
-        Lanes l;
-        l.b = channel(sb);
-        l.g = channel(sg);
-        l.r = channel(sr);
-        l.w = _mm512_fmadd_ps(l.b, _mm512_set1_ps(114.0f),
-                              _mm512_fmadd_ps(l.r, _mm512_set1_ps(299.0f), _mm512_mul_ps(l.g, _mm512_set1_ps(587.0f))));
-        // W / 1000 has a fraction of at least 0.001 unless W is a multiple of
-        // 1000, where x lands on the quotient or just above it. As bits, the
-        // fractions below 0.0005 are the small non-negative ones.
-        l.x = _mm512_mul_ps(l.w, milli);
-        l.exact = _mm512_cmplt_epu32_mask(_mm512_castps_si512(_mm512_reduce_ps(l.x, kTrunc)), halfMilli);
-        return l;
-    };
-    // Exact lanes whose quotient is 1 .. 255 (elsewhere one less clamps to
-    // the same byte), split into grey pixels and the others.
-    auto needsFix = [](const Lanes& l, __mmask16& greyLanes) {
-        const __m512 q = _mm512_roundscale_ps(l.x, kTrunc);
-        const __mmask16 m = _mm512_mask_cmp_ps_mask(_mm512_mask_cmp_ps_mask(l.exact, q, _mm512_set1_ps(1.0f), _CMP_GE_OQ),
-                                                    q, _mm512_set1_ps(255.0f), _CMP_LE_OQ);
-        greyLanes = _mm512_mask_cmp_ps_mask(_mm512_mask_cmp_ps_mask(m, l.b, l.g, _CMP_EQ_OQ), l.g, l.r, _CMP_EQ_OQ);
-        return m;
-    };
+    const int kDown = _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC;
     std::size_t i = 0;
-    for (; i + 16 <= nPairs; i += 16, pSrc += 64, pDst += 32) {
-        __m512i s[6];
-        sums(pSrc, s);
-        const Lanes a = grey(s[0], s[1], s[2]), b = grey(s[3], s[4], s[5]);
-        const __m512i w = _mm512_packs_epi32(_mm512_cvttps_epi32(a.x), _mm512_cvttps_epi32(b.x));
-        __m512i bytes = _mm512_permutexvar_epi8(order, _mm512_packus_epi16(w, w));
-        if ((a.exact | b.exact) != 0) {
-            __mmask16 ga, gb;
-            const __mmask16 na = needsFix(a, ga), nb = needsFix(b, gb);
-            bytes = _mm512_mask_blend_epi8(pixelMask(ga, gb, t.nFirst), bytes, greyOfGrey(bytes));
-            _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst), _mm512_castsi512_si256(bytes));
-            for (unsigned m = pixelMask(na & ~ga, nb & ~gb, t.nFirst); m != 0; m &= m - 1) {
-                const int p = __builtin_ctz(m);
-                const unsigned char* g = pSrc + 4 * (p / 2);
+    while (i + 16 <= nPairs) {
+        const YuvSums sums(t, false, 0);
+        const Lut greyOfGrey(grey3OfGrey().weighted);
+        __m512i order = _mm512_load_si512(t.grey), wB = _mm512_set1_epi32(static_cast<int>(wordPair(114, -114)));
+        __m512i wG = _mm512_set1_epi32(static_cast<int>(wordPair(587, -587))), wR = _mm512_set1_epi32(static_cast<int>(wordPair(299, -299)));
+        __m512i w0 = _mm512_set1_epi32(1000 * 0x4B40), fraction = _mm512_set1_epi32(1023);
+        __m512i quotient = _mm512_set1_epi32(-(0x46400000 >> 10));
+        __m512 milli = _mm512_set1_ps(0.001f), channelBase = _mm512_set1_ps(12582912.0f), greyBase = _mm512_set1_ps(12288.0f);
+        // Opaque, so that GCC keeps them in registers instead of building them
+        // again in every pass.
+        __asm__("" : "+v"(order), "+v"(wB), "+v"(wG), "+v"(wR), "+v"(w0), "+v"(fraction), "+v"(quotient));
+        __asm__("" : "+v"(milli), "+v"(channelBase), "+v"(greyBase));
+        auto channel = [&](__m512i s) {
+            return _mm512_castps_si512(_mm512_fmadd_round_ps(_mm512_cvtepi32_ps(s), milli, channelBase, kDown));
+        };
+        // Pixels still to be redone by the rule: a block's first pixel and mask.
+        struct Pending {
+            std::size_t nPair;
+            unsigned nPixels;
+        } pending[16];
+        int nPending = 0;
+        for (; i + 16 <= nPairs && nPending < 16; i += 16) {
+            __m512i s[6];
+            sums(pSrc + 4 * i, s);
+            __m512i y[6], q[2];
+            __mmask16 exact[2];
+            for (int h = 0; h < 2; ++h) {
+                for (int c = 0; c < 3; ++c)
+                    y[3 * h + c] = channel(s[3 * h + c]);
+                const __m512i w = _mm512_dpwssd_epi32(
+                    _mm512_dpwssd_epi32(_mm512_dpwssd_epi32(w0, y[3 * h + 1], wG), y[3 * h + 2], wR), y[3 * h], wB);
+                const __m512i z = _mm512_castps_si512(_mm512_fmadd_round_ps(_mm512_cvtepi32_ps(w), milli, greyBase, kDown));
+                exact[h] = _mm512_testn_epi32_mask(z, fraction);
+                q[h] = _mm512_add_epi32(_mm512_srli_epi32(z, 10), quotient);
+            }
+            const __m512i words = _mm512_packs_epi32(q[0], q[1]);
+            __m512i bytes = _mm512_permutexvar_epi8(order, _mm512_packus_epi16(words, words));
+            if ((exact[0] | exact[1]) != 0) {
+                // Only quotients 1 .. 255 matter: elsewhere one less clamps to the same byte.
+                __mmask16 grey[2], other[2];
+                for (int h = 0; h < 2; ++h) {
+                    const __mmask16 m = _mm512_mask_cmple_epi32_mask(
+                        _mm512_mask_cmpge_epi32_mask(exact[h], q[h], _mm512_set1_epi32(1)), q[h], _mm512_set1_epi32(255));
+                    grey[h] = _mm512_mask_cmpeq_epi32_mask(_mm512_mask_cmpeq_epi32_mask(m, y[3 * h], y[3 * h + 1]),
+                                                           y[3 * h + 1], y[3 * h + 2]);
+                    other[h] = m & ~grey[h];
+                }
+                bytes = _mm512_mask_blend_epi8(pixelMask(grey[0], grey[1], t.nFirst), bytes, greyOfGrey(bytes));
+                if (const unsigned m = pixelMask(other[0], other[1], t.nFirst))
+                    pending[nPending++] = {i, m};
+            }
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst + 2 * i), _mm512_castsi512_si256(bytes));
+        }
+        for (int k = 0; k < nPending; ++k)
+            for (unsigned m = pending[k].nPixels; m != 0; m &= m - 1) {
+                const std::size_t p = 2 * pending[k].nPair + static_cast<std::size_t>(__builtin_ctz(m));
+                const unsigned char* g = pSrc + 2 * (p & ~std::size_t(1));
                 pDst[p] = scalar::yuvPixelGray(g[pos[p % 2 == 0 ? 0 : 2]], g[pos[1]], g[pos[3]]);
             }
-            continue;
-        }
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst), _mm512_castsi512_si256(bytes));
     }
-    avx2::yuvToGray(nType, pSrc, pDst, nPairs - i);
+    avx2::yuvToGray(nType, pSrc + 4 * i, pDst + 2 * i, nPairs - i);
 }
 
 void yuvToBgrBest(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs)
