@@ -486,15 +486,18 @@ __attribute__((target("avx512vnni,bmi2"))) void yuvToBgrVnni(int nType, const un
 // quotient to W = 587 g + 299 r + 114 b, less w * 0x4B40, which the sum's
 // starting value puts back.
 //
-// Grey: z = W * 0.001f + 12288, rounded down, keeps ten fraction bits
-// (units of 1 / 1024): its bits are 0x46400000 + floor(1024 W * 0.001f). The
-// integer part is W / 1000 truncated (below 0 it clamps to the same 0), and
-// for W >= 0 the fraction bits are all 0 exactly where W is a multiple of
-// 1000, where the double-precision rule may give one less. Grey pixels
-// (equal channels, so equal bit patterns) take that answer from a table by
-// value; any other such pixel (about one in a thousand) is redone by the
-// rule after the run of blocks, so that the loop itself calls nothing and
-// keeps its constants in registers.
+// Grey: the sum starts at 0x4B000000 + 300000 as well, so its bits are the
+// float 2^23 + 300000 + W (W > -300000), and no conversion is needed. Times
+// 0.001f plus 12288 - 300 - 2^23 * 0.001f (both constants exact in single
+// precision), rounded down, that is 12288 + W * 0.001f + 0.0000142 with ten
+// fraction bits (units of 1 / 1024): the bits are 0x46400000 + the floor of
+// 1024 times the rest. The integer part is W / 1000 truncated (below 0 it
+// clamps to the same 0), and for W >= 0 the fraction bits are all 0 exactly
+// where W is a multiple of 1000, where the double-precision rule may give
+// one less. Grey pixels (equal channels, so equal bit patterns) take that
+// answer from a table by value; any other such pixel (about one in a
+// thousand) is redone by the rule after the run of blocks, so that the loop
+// itself calls nothing and keeps its constants in registers.
 __attribute__((target("avx512vnni,bmi2"))) void yuvToGrayVnni(int nType, const unsigned char* pSrc,
                                                             unsigned char* pDst, std::size_t nPairs)
 {
@@ -507,9 +510,9 @@ __attribute__((target("avx512vnni,bmi2"))) void yuvToGrayVnni(int nType, const u
         const Lut greyOfGrey(grey3OfGrey().weighted);
         __m512i order = _mm512_load_si512(t.grey), wB = _mm512_set1_epi32(static_cast<int>(wordPair(114, -114)));
         __m512i wG = _mm512_set1_epi32(static_cast<int>(wordPair(587, -587))), wR = _mm512_set1_epi32(static_cast<int>(wordPair(299, -299)));
-        __m512i w0 = _mm512_set1_epi32(1000 * 0x4B40), fraction = _mm512_set1_epi32(1023);
+        __m512i w0 = _mm512_set1_epi32(0x4B000000 + 300000 + 1000 * 0x4B40), fraction = _mm512_set1_epi32(1023);
         __m512i quotient = _mm512_set1_epi32(-(0x46400000 >> 10));
-        __m512 milli = _mm512_set1_ps(0.001f), channelBase = _mm512_set1_ps(12582912.0f), greyBase = _mm512_set1_ps(12288.0f);
+        __m512 milli = _mm512_set1_ps(0.001f), channelBase = _mm512_set1_ps(12582912.0f), greyBase = _mm512_set1_ps(3599.3916015625f);
         // Opaque, so that GCC keeps them in registers instead of building them
         // again in every pass.
         __asm__("" : "+v"(order), "+v"(wB), "+v"(wG), "+v"(wR), "+v"(w0), "+v"(fraction), "+v"(quotient));
@@ -533,7 +536,7 @@ __attribute__((target("avx512vnni,bmi2"))) void yuvToGrayVnni(int nType, const u
                     y[3 * h + c] = channel(s[3 * h + c]);
                 const __m512i w = _mm512_dpwssd_epi32(
                     _mm512_dpwssd_epi32(_mm512_dpwssd_epi32(w0, y[3 * h + 1], wG), y[3 * h + 2], wR), y[3 * h], wB);
-                const __m512i z = _mm512_castps_si512(_mm512_fmadd_round_ps(_mm512_cvtepi32_ps(w), milli, greyBase, kDown));
+                const __m512i z = _mm512_castps_si512(_mm512_fmadd_round_ps(_mm512_castsi512_ps(w), milli, greyBase, kDown));
                 exact[h] = _mm512_testn_epi32_mask(z, fraction);
                 q[h] = _mm512_add_epi32(_mm512_srli_epi32(z, 10), quotient);
             }
