@@ -473,31 +473,36 @@ __attribute__((target("avx512vnni,bmi2"))) void yuvToBgrVnni(int nType, const un
     avx2::yuvToBgr(nType, pSrc, pDst, nPairs - i);
 }
 
-// YUV to grey of the unclamped colour, without a rounding instruction: a
-// multiply-add rounded down onto a constant leaves the integer part of the
-// product in the low bits of the result's bit pattern.
+// YUV to grey of the unclamped colour, without a rounding or conversion
+// instruction: integer sums are started at 0x4B000000 plus an offset, which
+// makes their bit patterns the floats 2^23 + offset + sum (exact while below
+// 2^24), and a multiply-add rounded down onto a constant leaves the integer
+// part of the product in the low bits of the result's bit pattern.
 //
-// Channels: y = s * 0.001f + 1.5 * 2^23, rounded down, is 1.5 * 2^23 +
-// floor(s * 0.001f), and floor(s * 0.001f) is s / 1000 truncated for s >= 0
-// and one less for s < 0 (0.001f is a little above 0.001, so even an exact
-// negative multiple lands just below its quotient). The low word of y's bits
-// is that floor; the high word is 0x4B40, or 0x4B3F when s < 0. So with
-// word pairs (w, -w) one vpdpwssd per channel adds w times the truncated
-// quotient to W = 587 g + 299 r + 114 b, less w * 0x4B40, which the sum's
-// starting value puts back.
+// Channels: a channel's sum s, started at 0x4B000000 + 3812390, reads as
+// the float F = 2^23 + 3812390 + s. With m = 0.001000000164f (the float just
+// above 0.001f), F * m + 12570711 rounded down is 1.5 * 2^23 + floor(s * m +
+// d), where d = -1.0e-7 is what the constant leaves of (2^23 + 3812390) * m.
+// Since m exceeds 0.001 by e = 1.6e-10 and -1000 e < d < 0, floor(s * m + d)
+// is s / 1000 truncated for s > 0 and one less for s <= 0 (even an exact
+// negative multiple lands just below its quotient). The low word of the
+// result's bits is that floor; the high word is 0x4B40, or 0x4B3F exactly
+// when s <= 0. So with word pairs (w, -w) one vpdpwssd per channel adds w
+// times the truncated quotient to W = 587 g + 299 r + 114 b, less w *
+// 0x4B40, which the sum's starting value puts back.
 //
 // Grey: the sum starts at 0x4B000000 + 300000 as well, so its bits are the
-// float 2^23 + 300000 + W (W > -300000), and no conversion is needed. Times
-// 0.001f plus 12288 - 300 - 2^23 * 0.001f (both constants exact in single
-// precision), rounded down, that is 12288 + W * 0.001f + 0.0000142 with ten
-// fraction bits (units of 1 / 1024): the bits are 0x46400000 + the floor of
-// 1024 times the rest. The integer part is W / 1000 truncated (below 0 it
-// clamps to the same 0), and for W >= 0 the fraction bits are all 0 exactly
-// where W is a multiple of 1000, where the double-precision rule may give
-// one less. Grey pixels (equal channels, so equal bit patterns) take that
-// answer from a table by value; any other such pixel (about one in a
-// thousand) is redone by the rule after the run of blocks, so that the loop
-// itself calls nothing and keeps its constants in registers.
+// float 2^23 + 300000 + W (W > -300000). Times 0.001f plus 12288 - 300 -
+// 2^23 * 0.001f (both constants exact in single precision), rounded down,
+// that is 12288 + W * 0.001f + 0.0000142 with ten fraction bits (units of
+// 1 / 1024): the bits are 0x46400000 + the floor of 1024 times the rest. The
+// integer part is W / 1000 truncated (below 0 it clamps to the same 0), and
+// for W >= 0 the fraction bits are all 0 exactly where W is a multiple of
+// 1000, where the double-precision rule may give one less. Grey pixels
+// (equal channels, so equal bit patterns) take that answer from a table by
+// value; any other such pixel (about one in a thousand) is redone by the
+// rule after the run of blocks, so that the loop itself calls nothing and
+// keeps its constants in registers.
 __attribute__((target("avx512vnni,bmi2"))) void yuvToGrayVnni(int nType, const unsigned char* pSrc,
                                                             unsigned char* pDst, std::size_t nPairs)
 {
@@ -506,19 +511,20 @@ __attribute__((target("avx512vnni,bmi2"))) void yuvToGrayVnni(int nType, const u
     const int kDown = _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC;
     std::size_t i = 0;
     while (i + 16 <= nPairs) {
-        const YuvSums sums(t, false, 0);
+        const YuvSums sums(t, false, 0x4B000000 + 3812390);
         const Lut greyOfGrey(grey3OfGrey().weighted);
         __m512i order = _mm512_load_si512(t.grey), wB = _mm512_set1_epi32(static_cast<int>(wordPair(114, -114)));
         __m512i wG = _mm512_set1_epi32(static_cast<int>(wordPair(587, -587))), wR = _mm512_set1_epi32(static_cast<int>(wordPair(299, -299)));
         __m512i w0 = _mm512_set1_epi32(0x4B000000 + 300000 + 1000 * 0x4B40), fraction = _mm512_set1_epi32(1023);
         __m512i quotient = _mm512_set1_epi32(-(0x46400000 >> 10));
-        __m512 milli = _mm512_set1_ps(0.001f), channelBase = _mm512_set1_ps(12582912.0f), greyBase = _mm512_set1_ps(3599.3916015625f);
+        __m512 milli = _mm512_set1_ps(0.001f), greyBase = _mm512_set1_ps(3599.3916015625f);
+        __m512 channelScale = _mm512_set1_ps(0x1.0624ep-10f), channelBase = _mm512_set1_ps(12570711.0f);
         // Opaque, so that GCC keeps them in registers instead of building them
         // again in every pass.
         __asm__("" : "+v"(order), "+v"(wB), "+v"(wG), "+v"(wR), "+v"(w0), "+v"(fraction), "+v"(quotient));
-        __asm__("" : "+v"(milli), "+v"(channelBase), "+v"(greyBase));
+        __asm__("" : "+v"(milli), "+v"(greyBase), "+v"(channelScale), "+v"(channelBase));
         auto channel = [&](__m512i s) {
-            return _mm512_castps_si512(_mm512_fmadd_round_ps(_mm512_cvtepi32_ps(s), milli, channelBase, kDown));
+            return _mm512_castps_si512(_mm512_fmadd_round_ps(_mm512_castsi512_ps(s), channelScale, channelBase, kDown));
         };
         // Pixels still to be redone by the rule: a block's first pixel and mask.
         struct Pending {
