@@ -526,10 +526,11 @@ __attribute__((target("avx512vnni,bmi2"))) void yuvToGrayVnni(int nType, const u
         auto channel = [&](__m512i s) {
             return _mm512_castps_si512(_mm512_fmadd_round_ps(_mm512_castsi512_ps(s), channelScale, channelBase, kDown));
         };
-        // Pixels still to be redone by the rule: a block's first pixel and mask.
+        // Pixels still to be redone by the rule: a block's first pair and the
+        // bit mask of its pixels.
         struct Pending {
-            std::size_t nPair;
-            unsigned nPixels;
+            std::size_t firstPair;
+            unsigned lanes;
         } pending[16];
         int nPending = 0;
         for (; i + 16 <= nPairs && nPending < 16; i += 16) {
@@ -565,8 +566,8 @@ __attribute__((target("avx512vnni,bmi2"))) void yuvToGrayVnni(int nType, const u
             _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst + 2 * i), _mm512_castsi512_si256(bytes));
         }
         for (int k = 0; k < nPending; ++k)
-            for (unsigned m = pending[k].nPixels; m != 0; m &= m - 1) {
-                const std::size_t p = 2 * pending[k].nPair + static_cast<std::size_t>(__builtin_ctz(m));
+            for (unsigned m = pending[k].lanes; m != 0; m &= m - 1) {
+                const std::size_t p = 2 * pending[k].firstPair + static_cast<std::size_t>(__builtin_ctz(m));
                 const unsigned char* g = pSrc + 2 * (p & ~std::size_t(1));
                 pDst[p] = scalar::yuvPixelGray(g[pos[p % 2 == 0 ? 0 : 2]], g[pos[1]], g[pos[3]]);
             }
