@@ -10,7 +10,8 @@
 // the calling thread, so it stays valid until the same thread's next
 // get_frame_timeout call (or the thread's end). Other threads, and every other
 // SDK or control call, never touch it, so two users can fetch and read frames
-// at the same time.
+// at the same time. The strict mode instead keeps the SDK's documented
+// lifetime to the letter: one buffer for all, valid until the next SDK call.
 
 #include "torvane.h"
 #include "torvanesim.h"
@@ -123,16 +124,27 @@ std::shared_ptr<const Base> buildBase(int width, int height, int bpp, int exposu
     return base;
 }
 
-std::mutex gBaseMutex;
-std::shared_ptr<const Base> gBase; // the most recent one; benchmarks keep hitting it
+// The most recent base picture; benchmarks keep hitting it. Never destroyed,
+// like the state: host threads may still be rendering while the process exits.
+struct BaseCache {
+    std::mutex m;
+    std::shared_ptr<const Base> base;
+};
+
+BaseCache &baseCache()
+{
+    static BaseCache *c = new BaseCache;
+    return *c;
+}
 
 std::shared_ptr<const Base> baseFor(int width, int height, int bpp, int exposure, int gain)
 {
-    std::lock_guard<std::mutex> lock(gBaseMutex);
-    if (!gBase || gBase->width != width || gBase->height != height || gBase->bpp != bpp ||
-        gBase->exposure != exposure || gBase->gain != gain)
-        gBase = buildBase(width, height, bpp, exposure, gain);
-    return gBase;
+    BaseCache &c = baseCache();
+    std::lock_guard<std::mutex> lock(c.m);
+    if (!c.base || c.base->width != width || c.base->height != height || c.base->bpp != bpp ||
+        c.base->exposure != exposure || c.base->gain != gain)
+        c.base = buildBase(width, height, bpp, exposure, gain);
+    return c.base;
 }
 
 void fillRect(unsigned char *out, int width, int height, int bpp, long long x, long long y,
@@ -231,7 +243,9 @@ struct State {
 
     int nextInitResult = 0;
     bool failMaxWindow = false, failSetWindow = false, starve = false, logFrames = true;
+    bool failExposure = false, failGain = false, failMode = false;
     bool reuseFrames = false;
+    bool strict = false; // one frame buffer for all callers (torvanesim_strict_frames)
     std::deque<QueuedFrame> queue;
     int pendingTriggers = 0;
 
@@ -294,8 +308,10 @@ struct State {
         gain = 0;
         nextInitResult = 0;
         failMaxWindow = failSetWindow = starve = false;
+        failExposure = failGain = failMode = false;
         logFrames = true;
         reuseFrames = false;
+        strict = false;
         queue.clear();
         pendingTriggers = 0;
         initCalls = openCount = triggerCalls = 0;
@@ -330,6 +346,34 @@ State &state()
 
 // Frame buffer of the calling thread (see the lifetime note at the top).
 thread_local std::vector<unsigned char> tFrame;
+
+// The one frame buffer of the strict mode. Every SDK call spoils it on entry,
+// and a frame is drawn into it right before it is handed out: a caller that
+// reads a frame after any later call, from any thread, reads spoiled bytes
+// (or, once the buffer grew, freed memory that AddressSanitizer reports).
+struct SharedFrame {
+    std::mutex m;
+    std::vector<unsigned char> data;
+};
+
+SharedFrame &sharedFrame()
+{
+    static SharedFrame *f = new SharedFrame; // outlives every caller
+    return *f;
+}
+
+// The spoiled bytes decode as frame number 0xAAAAAAAA, which is never made.
+constexpr unsigned char kSpoiled = 0xA5;
+
+// Called on entry of every SDK call, with the state's lock held.
+void spoilSharedFrame(const State &s)
+{
+    if (!s.strict)
+        return;
+    SharedFrame &f = sharedFrame();
+    std::lock_guard<std::mutex> lock(f.m);
+    std::fill(f.data.begin(), f.data.end(), kSpoiled);
+}
 
 // What tFrame holds when it is a generated frame that may be reused: its
 // geometry, exposure and gain. Cleared whenever tFrame takes a queued frame.
@@ -381,6 +425,7 @@ int camera_init(int camera, int mode)
         State &s = state();
         std::lock_guard<std::mutex> lock(s.m);
         s.record("camera_init(%d,%d)", camera, mode);
+        spoilSharedFrame(s);
         ++s.initCalls;
         if (camera != 0)
             return 3; // no such camera; an armed result waits for camera 0
@@ -398,6 +443,7 @@ int camera_free(int camera)
         State &s = state();
         std::lock_guard<std::mutex> lock(s.m);
         s.record("camera_free(%d)", camera);
+        spoilSharedFrame(s);
         if (camera != 0)
             return -1;
         if (s.openCount > 0)
@@ -412,7 +458,8 @@ int set_camera_mode(int mode, int camera)
         State &s = state();
         std::lock_guard<std::mutex> lock(s.m);
         s.record("set_camera_mode(%d,%d)", mode, camera);
-        if (camera != 0 || (mode != 0 && mode != 1))
+        spoilSharedFrame(s);
+        if (camera != 0 || (mode != 0 && mode != 1) || s.failMode)
             return -1;
         if (mode != s.mode) {
             s.mode = mode;
@@ -431,6 +478,7 @@ int set_camera_trigger(int camera)
         State &s = state();
         std::lock_guard<std::mutex> lock(s.m);
         s.record("set_camera_trigger(%d)", camera);
+        spoilSharedFrame(s);
         ++s.triggerCalls;
         if (camera != 0)
             return -1;
@@ -449,7 +497,8 @@ int set_camera_exposure(int exposure, int camera)
         State &s = state();
         std::lock_guard<std::mutex> lock(s.m);
         s.record("set_camera_exposure(%d,%d)", exposure, camera);
-        if (camera != 0)
+        spoilSharedFrame(s);
+        if (camera != 0 || s.failExposure)
             return -1;
         s.exposure = exposure;
         return 0;
@@ -462,6 +511,7 @@ int get_camera_exposure(int *exposure, int camera)
         State &s = state();
         std::lock_guard<std::mutex> lock(s.m);
         s.record("get_camera_exposure(%d)", camera);
+        spoilSharedFrame(s);
         if (camera != 0 || !exposure)
             return -1;
         *exposure = s.exposure;
@@ -475,7 +525,8 @@ int set_camera_gain(int gain, int camera)
         State &s = state();
         std::lock_guard<std::mutex> lock(s.m);
         s.record("set_camera_gain(%d,%d)", gain, camera);
-        if (camera != 0)
+        spoilSharedFrame(s);
+        if (camera != 0 || s.failGain)
             return -1;
         s.gain = gain;
         return 0;
@@ -488,6 +539,7 @@ int get_camera_gain(int *gain, int camera)
         State &s = state();
         std::lock_guard<std::mutex> lock(s.m);
         s.record("get_camera_gain(%d)", camera);
+        spoilSharedFrame(s);
         if (camera != 0 || !gain)
             return -1;
         *gain = s.gain;
@@ -501,6 +553,7 @@ int set_camera_window_size(int width, int height, int camera)
         State &s = state();
         std::lock_guard<std::mutex> lock(s.m);
         s.record("set_camera_window_size(%d,%d,%d)", width, height, camera);
+        spoilSharedFrame(s);
         if (camera != 0 || s.failSetWindow || width < 1 || height < 1 || width > s.sensorWidth ||
             height > s.sensorHeight)
             return -1;
@@ -516,6 +569,7 @@ int get_camera_window_size(int *width, int *height, int camera)
         State &s = state();
         std::lock_guard<std::mutex> lock(s.m);
         s.record("get_camera_window_size(%d)", camera);
+        spoilSharedFrame(s);
         if (camera != 0 || !width || !height)
             return -1;
         *width = s.windowWidth;
@@ -530,6 +584,7 @@ int get_camera_max_window_size(int *width, int *height, int camera)
         State &s = state();
         std::lock_guard<std::mutex> lock(s.m);
         s.record("get_camera_max_window_size(%d)", camera);
+        spoilSharedFrame(s);
         if (camera != 0 || !width || !height || s.failMaxWindow)
             return -1;
         *width = s.sensorWidth;
@@ -545,6 +600,7 @@ unsigned char *get_frame_timeout(int *width, int *height, int *bytesPerPixel, in
         std::unique_lock<std::mutex> lock(s.m);
         if (s.logFrames)
             s.record("get_frame_timeout(%d,%d)", camera, timeoutMs);
+        spoilSharedFrame(s);
         if (camera != 0 || !width || !height || !bytesPerPixel)
             return nullptr;
 
@@ -568,12 +624,19 @@ unsigned char *get_frame_timeout(int *width, int *height, int *bytesPerPixel, in
                 QueuedFrame f = std::move(s.queue.front());
                 s.queue.pop_front();
                 ++s.delivered;
+                const bool strict = s.strict;
                 lock.unlock();
                 *width = f.width;
                 *height = f.height;
                 *bytesPerPixel = f.bpp;
                 if (f.dummy)
                     return gDummyFrame;
+                if (strict) {
+                    SharedFrame &shared = sharedFrame();
+                    std::lock_guard<std::mutex> sharedLock(shared.m);
+                    shared.data.assign(f.data.begin(), f.data.end());
+                    return shared.data.data();
+                }
                 tFrameKey.valid = false;
                 tFrame.swap(f.data);
                 return tFrame.data();
@@ -617,6 +680,7 @@ unsigned char *get_frame_timeout(int *width, int *height, int *bytesPerPixel, in
         job.exposure = s.exposure;
         job.gain = s.gain;
         job.reuse = s.reuseFrames;
+        const bool strict = s.strict;
         ++s.delivered;
         lock.unlock();
 
@@ -626,6 +690,13 @@ unsigned char *get_frame_timeout(int *width, int *height, int *bytesPerPixel, in
         const long long bytes = frameBytes(job.width, job.height, job.bpp);
         if (bytes < 0)
             return gDummyFrame;
+        if (strict) {
+            SharedFrame &shared = sharedFrame();
+            std::lock_guard<std::mutex> sharedLock(shared.m);
+            shared.data.resize(static_cast<size_t>(bytes));
+            render(job.number, job.width, job.height, job.bpp, job.exposure, job.gain, shared.data.data());
+            return shared.data.data();
+        }
         if (job.reuse && tFrameKey.matches(job.width, job.height, job.bpp, job.exposure, job.gain)) {
             writeCode(job.number, tFrame.data(), job.width, job.height, job.bpp);
             return tFrame.data();
@@ -849,6 +920,42 @@ void torvanesim_log_frames(int enable)
         State &s = state();
         std::lock_guard<std::mutex> lock(s.m);
         s.logFrames = enable != 0;
+    });
+}
+
+void torvanesim_fail_set_exposure(int fail)
+{
+    guardedVoid([&] {
+        State &s = state();
+        std::lock_guard<std::mutex> lock(s.m);
+        s.failExposure = fail != 0;
+    });
+}
+
+void torvanesim_fail_set_gain(int fail)
+{
+    guardedVoid([&] {
+        State &s = state();
+        std::lock_guard<std::mutex> lock(s.m);
+        s.failGain = fail != 0;
+    });
+}
+
+void torvanesim_fail_set_mode(int fail)
+{
+    guardedVoid([&] {
+        State &s = state();
+        std::lock_guard<std::mutex> lock(s.m);
+        s.failMode = fail != 0;
+    });
+}
+
+void torvanesim_strict_frames(int enable)
+{
+    guardedVoid([&] {
+        State &s = state();
+        std::lock_guard<std::mutex> lock(s.m);
+        s.strict = enable != 0;
     });
 }
 

@@ -18,7 +18,10 @@
  * - The camera need not be open for frames or settings; camera_init and
  *   camera_free only count.
  * - The frame handed out lives in a buffer of the calling thread: it stays
- *   valid until that thread's next get_frame_timeout call (or its end).
+ *   valid until that thread's next get_frame_timeout call (or its end). The
+ *   strict mode (torvanesim_strict_frames) gives exactly the lifetime the SDK
+ *   documents instead: one buffer for all callers, valid until the next SDK
+ *   call from any thread.
  * - Environment (read at first use and by torvanesim_reset):
  *   TORVANE_SIM_SENSOR=WIDTHxHEIGHT, TORVANE_SIM_BPP=1|3, TORVANE_SIM_FPS=rate.
  */
@@ -56,6 +59,19 @@ void torvanesim_fail_set_window_size(int fail);
  * (so do frames with no bytes at all). Pattern frames queued without data carry
  * frame number 0 and the exposure and gain of the moment they were queued. */
 void torvanesim_queue_frame(int width, int height, int bytesPerPixel, const unsigned char *data);
+/* Non-zero: set_camera_exposure, set_camera_gain or set_camera_mode answers
+ * -1 and changes nothing until switched off again. */
+void torvanesim_fail_set_exposure(int fail);
+void torvanesim_fail_set_gain(int fail);
+void torvanesim_fail_set_mode(int fail);
+
+/* Non-zero: every frame is handed out in one buffer shared by all callers,
+ * which every SDK call spoils on entry (its bytes then decode as frame number
+ * 0xAAAAAAAA) and which grows, moving, for larger frames. A frame read after
+ * any later SDK call, from any thread, is therefore visibly wrong. Off after
+ * torvanesim_reset. */
+void torvanesim_strict_frames(int enable);
+
 /* Non-zero: get_frame_timeout answers null (after waiting its time-out, at
  * most 50 ms) until switched off again, even when frames are queued. */
 void torvanesim_starve_frames(int starve);
