@@ -1,7 +1,6 @@
 #include "camera/ccdif.h"
 
-#include <QStringList>
-
+#include "camera/textfields.h"
 #include "imaging/globalfunction.h"
 
 CCDIF::CCDSettings::CCDSettings()
@@ -75,7 +74,7 @@ void CCDIF::CCDSettings::fromString(QString text)
     nSharpness = strSharpness.toInt(nullptr, 10);
     nHue = strHue.toInt(nullptr, 10);
     nSaturation = strSaturation.toInt(nullptr, 10);
-    fGamma = strGamma.toFloat();
+    fGamma = kavrel::readFloat(strGamma);
     nGain = strGain.toInt(nullptr, 10);
     nExposure = strExposure.toInt(nullptr, 10);
 
@@ -90,11 +89,11 @@ void CCDIF::CCDSettings::fromString(QString text)
         eTriggerType = TriggerVideo;
 
     // Only a complete triple replaces the white balance.
-    const QStringList lstWhiteBalance = strWhiteBalance.split(",", Qt::KeepEmptyParts);
-    if (lstWhiteBalance.size() == 3) {
-        fWhiteBalanceR = lstWhiteBalance.at(0).toFloat();
-        fWhiteBalanceG = lstWhiteBalance.at(1).toFloat();
-        fWhiteBalanceB = lstWhiteBalance.at(2).toFloat();
+    QStringRef aWhiteBalance[3];
+    if (kavrel::splitExactly(strWhiteBalance, aWhiteBalance)) {
+        fWhiteBalanceR = kavrel::readFloat(aWhiteBalance[0]);
+        fWhiteBalanceG = kavrel::readFloat(aWhiteBalance[1]);
+        fWhiteBalanceB = kavrel::readFloat(aWhiteBalance[2]);
     }
 }
 

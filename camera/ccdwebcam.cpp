@@ -1,13 +1,12 @@
 #include "camera/ccdwebcam.h"
 
 #include <QApplication>
-#include <atomic>
 #include <climits>
 #include <cstdint>
 #include <cstring>
 #include <new>
-#include <unordered_map>
 
+#include "camera/sdkgate.h"
 #include "dialog/webcamconfigdlg.h"
 #include "imaging/framekernels.h"
 #include "torvane.h"
@@ -17,9 +16,11 @@ namespace {
 // The driver always talks to SDK camera 0, whatever number the caller gave.
 const int kCamera = 0;
 
+// NaN takes the low bound, as the text "nan" reads as 0 like any other
+// malformed number.
 float clampValue(float fValue, double dLow, double dHigh)
 {
-    if (static_cast<double>(fValue) < dLow)
+    if (!(static_cast<double>(fValue) >= dLow))
         return static_cast<float>(dLow);
     if (static_cast<double>(fValue) > dHigh)
         return static_cast<float>(dHigh);
@@ -45,48 +46,26 @@ int roundUpTo4(int nValue)
     return nRounded > INT_MAX ? (INT_MAX & ~3) : static_cast<int>(nRounded);
 }
 
-// Order of frame fetches. Threads sharing a camera each fetch a frame outside
-// the image lock; a fetch that began earlier must not replace the frame of one
-// that began later. Every fetch draws a ticket before it asks the SDK; the
-// ticket of each camera's current image is kept here, beside the class, whose
-// layout hosts were built against.
-std::atomic<std::uint64_t> g_nFetchTicket{0};
-
-class ImageTickets
+// Fields that requests on other threads read while the host changes them
+// (started flag, gamma, trigger type, pixel format) are read and written as
+// atomics; they stay plain members, where hosts expect them.
+template <typename T>
+T loadShared(const T& field)
 {
-public:
-    // True when the fetch with this ticket is newer than the camera's current
-    // image, whose ticket it then becomes. Called under the camera's image lock.
-    bool advance(const CCDWebCam* pCam, std::uint64_t nTicket)
-    {
-        QMutexLocker cLocker(&m_cMutex);
-        try {
-            std::uint64_t& nCurrent = m_mapTickets[pCam];
-            if (nTicket < nCurrent)
-                return false;
-            nCurrent = nTicket;
-        } catch (const std::bad_alloc&) {
-            // Without a record the frame is simply taken, as a lone user would.
-        }
-        return true;
-    }
+    T value;
+    __atomic_load(&field, &value, __ATOMIC_SEQ_CST);
+    return value;
+}
 
-    void forget(const CCDWebCam* pCam)
-    {
-        QMutexLocker cLocker(&m_cMutex);
-        m_mapTickets.erase(pCam);
-    }
-
-private:
-    QMutex m_cMutex;
-    std::unordered_map<const CCDWebCam*, std::uint64_t> m_mapTickets;
-};
-
-ImageTickets& imageTickets()
+template <typename T>
+void storeShared(T& field, T value)
 {
-    // Never destroyed: a camera may outlive the library's static objects.
-    static ImageTickets* s_pTickets = new ImageTickets();
-    return *s_pTickets;
+    __atomic_store(&field, &value, __ATOMIC_SEQ_CST);
+}
+
+kavrel::SdkGate& sdk()
+{
+    return kavrel::SdkGate::instance();
 }
 
 } // namespace
@@ -107,7 +86,6 @@ CCDWebCam::~CCDWebCam()
 {
     CCDWebCam::disconnect();
     delete[] m_pImageBuf;
-    imageTickets().forget(this);
 }
 
 int CCDWebCam::getFPS()
@@ -119,10 +97,10 @@ bool CCDWebCam::connect(int nCCDNum, PixelFormat ePixelFormat)
 {
     Q_UNUSED(nCCDNum);
     if (m_bConnected) {
-        m_ePixelFormat = ePixelFormat;
+        storeShared(m_ePixelFormat, ePixelFormat);
         return true;
     }
-    switch (camera_init(kCamera, 0)) {
+    switch (sdk().call([] { return camera_init(kCamera, 0); })) {
     case 1:
         m_strLastError = "Config file is not exist!";
         return false;
@@ -143,7 +121,7 @@ bool CCDWebCam::connect(int nCCDNum, PixelFormat ePixelFormat)
         break;
     }
     m_bConnected = true;
-    m_ePixelFormat = ePixelFormat;
+    storeShared(m_ePixelFormat, ePixelFormat);
     return true;
 }
 
@@ -153,13 +131,15 @@ bool CCDWebCam::start()
         m_strLastError = "Camera is not connected!";
         return false;
     }
-    m_bStarted = true;
+    storeShared(m_bStarted, true);
     return true;
 }
 
 void CCDWebCam::stop()
 {
-    m_bStarted = false;
+    storeShared(m_bStarted, false);
+    // Requests still waiting for a trigger or for their turn give up now.
+    sdk().wake();
 }
 
 bool CCDWebCam::IsConnected()
@@ -169,7 +149,7 @@ bool CCDWebCam::IsConnected()
 
 bool CCDWebCam::IsStarted()
 {
-    return m_bStarted;
+    return loadShared(m_bStarted);
 }
 
 void CCDWebCam::disconnect()
@@ -177,18 +157,18 @@ void CCDWebCam::disconnect()
     if (!m_bConnected)
         return;
     stop();
-    camera_free(kCamera);
+    sdk().call([] { return camera_free(kCamera); });
     m_bConnected = false;
 }
 
 bool CCDWebCam::click()
 {
-    if (!m_bStarted) {
+    if (!loadShared(m_bStarted)) {
         m_strLastError = "Camera is not started!";
         return false;
     }
-    if (m_cSettings.eTriggerType == TriggerSoft)
-        set_camera_trigger(kCamera);
+    if (loadShared(m_cSettings.eTriggerType) == TriggerSoft)
+        sdk().trigger();
     return true;
 }
 
@@ -199,7 +179,7 @@ void CCDWebCam::useCUDA(bool bUse)
 
 CCDIF::PixelFormat CCDWebCam::getPixelFormat()
 {
-    return m_ePixelFormat;
+    return loadShared(m_ePixelFormat);
 }
 
 int CCDWebCam::getCCDNum()
@@ -225,17 +205,21 @@ void CCDWebCam::getImageInfo(int* pnWidth, int* pnHeight, int* pnBytesPerLine)
 
 bool CCDWebCam::waitNewImage(int nTimeout)
 {
-    if (!m_bStarted)
+    if (!loadShared(m_bStarted))
         return false;
     const int nWait = nTimeout < 1 ? 1 : nTimeout;
-
-    int w = 0;
-    int h = 0;
-    int c = 0;
-    const std::uint64_t nTicket = g_nFetchTicket.fetch_add(1, std::memory_order_relaxed) + 1;
-    const unsigned char* pFrame = get_frame_timeout(&w, &h, &c, kCamera, nWait);
-    if (!pFrame)
+    kavrel::SdkFrame cFrame;
+    const bool bSoftTrigger = loadShared(m_cSettings.eTriggerType) == TriggerSoft;
+    if (!sdk().fetch(nWait, bSoftTrigger, &m_bStarted, cFrame))
         return false;
+    // The frame is the SDK's until its next call, which waits for this read.
+    struct ReadEnd {
+        ~ReadEnd() { sdk().endRead(); }
+    } cReadEnd;
+    const unsigned char* pFrame = cFrame.pData;
+    const int w = cFrame.nWidth;
+    const int h = cFrame.nHeight;
+    const int c = cFrame.nBytesPerPixel;
 
     // A frame whose image would not fit the int geometry of the API (or makes no
     // sense) is refused; the current image stays as it was.
@@ -245,14 +229,15 @@ bool CCDWebCam::waitNewImage(int nTimeout)
     // The frame's own byte count must fit as well: its data is read in full.
     if (nSrcLine > INT_MAX || nSrcLine * h > INT_MAX)
         return false;
-    const std::int64_t nDstLine64 = m_ePixelFormat == PixFmtGray8 ? w : 3 * static_cast<std::int64_t>(w);
+    const bool bGrey = loadShared(m_ePixelFormat) == PixFmtGray8;
+    const std::int64_t nDstLine64 = bGrey ? w : 3 * static_cast<std::int64_t>(w);
     const std::int64_t nDstSize64 = nDstLine64 * h;
     if (nDstLine64 > INT_MAX || nDstSize64 > INT_MAX)
         return false;
     const int nDstLine = static_cast<int>(nDstLine64);
 
     // The table is built outside the lock; gamma is read once per frame.
-    const float fGamma = m_cSettings.fGamma;
+    const float fGamma = loadShared(m_cSettings.fGamma);
     unsigned char aGammaTable[256];
     const unsigned char* pTable = nullptr;
     if (kavrel::gammaActive(fGamma)) {
@@ -261,10 +246,6 @@ bool CCDWebCam::waitNewImage(int nTimeout)
     }
 
     QMutexLocker cLocker(&m_cImageMutex);
-    // A fetch that began after ours has made its newer frame current already:
-    // that one stands, and it is as fresh as the caller asked for.
-    if (!imageTickets().advance(this, nTicket))
-        return true;
     if (w != m_nWidth || h != m_nHeight || nDstLine != m_nBytesPerLine || !m_pImageBuf) {
         // Zero-filled, so that frames we cannot transfer stay black.
         unsigned char* pNew = new (std::nothrow) unsigned char[static_cast<std::size_t>(nDstSize64)]();
@@ -315,25 +296,34 @@ bool CCDWebCam::applyNewSettings(CCDSettings cSettings)
         m_strLastError = "Camera is not connected!";
         return false;
     }
-    m_cSettings = cSettings;
-    m_cSettings.fGamma = clampGamma(m_cSettings.fGamma);
-    m_cSettings.fWhiteBalanceR = clampWhiteBalance(m_cSettings.fWhiteBalanceR);
-    m_cSettings.fWhiteBalanceG = clampWhiteBalance(m_cSettings.fWhiteBalanceG);
-    m_cSettings.fWhiteBalanceB = clampWhiteBalance(m_cSettings.fWhiteBalanceB);
+    // Field by field: requests may read gamma and the trigger type meanwhile.
+    m_cSettings.nHardTriggerSource = cSettings.nHardTriggerSource;
+    storeShared(m_cSettings.eTriggerType, cSettings.eTriggerType);
+    m_cSettings.fWhiteBalanceR = clampWhiteBalance(cSettings.fWhiteBalanceR);
+    m_cSettings.fWhiteBalanceG = clampWhiteBalance(cSettings.fWhiteBalanceG);
+    m_cSettings.fWhiteBalanceB = clampWhiteBalance(cSettings.fWhiteBalanceB);
+    m_cSettings.nBrightness = cSettings.nBrightness;
+    m_cSettings.nSharpness = cSettings.nSharpness;
+    m_cSettings.nHue = cSettings.nHue;
+    m_cSettings.nSaturation = cSettings.nSaturation;
+    storeShared(m_cSettings.fGamma, clampGamma(cSettings.fGamma));
+    m_cSettings.nGain = cSettings.nGain;
+    m_cSettings.nExposure = cSettings.nExposure;
+    m_cSettings.bAutoExposure = cSettings.bAutoExposure;
 
-    set_camera_exposure(m_cSettings.nExposure, kCamera);
-    switch (m_cSettings.eTriggerType) {
+    sdk().call([&] { return set_camera_exposure(m_cSettings.nExposure, kCamera); });
+    switch (cSettings.eTriggerType) {
     case TriggerSoft:
     case TriggerHard:
-        set_camera_mode(1, kCamera);
+        sdk().setMode(1);
         break;
     case TriggerVideo:
-        set_camera_mode(0, kCamera);
+        sdk().setMode(0);
         break;
     default:
         break;
     }
-    set_camera_gain(m_cSettings.nGain, kCamera);
+    sdk().call([&] { return set_camera_gain(m_cSettings.nGain, kCamera); });
     return true;
 }
 
@@ -343,12 +333,12 @@ bool CCDWebCam::getCurSettings(CCDSettings* pSettings)
         m_strLastError = "Camera is not connected!";
         return false;
     }
-    m_cSettings.fGamma = clampGamma(m_cSettings.fGamma);
+    storeShared(m_cSettings.fGamma, clampGamma(loadShared(m_cSettings.fGamma)));
     m_cSettings.fWhiteBalanceR = clampWhiteBalance(m_cSettings.fWhiteBalanceR);
     m_cSettings.fWhiteBalanceG = clampWhiteBalance(m_cSettings.fWhiteBalanceG);
     m_cSettings.fWhiteBalanceB = clampWhiteBalance(m_cSettings.fWhiteBalanceB);
-    get_camera_exposure(&m_cSettings.nExposure, kCamera);
-    get_camera_gain(&m_cSettings.nGain, kCamera);
+    sdk().call([&] { return get_camera_exposure(&m_cSettings.nExposure, kCamera); });
+    sdk().call([&] { return get_camera_gain(&m_cSettings.nGain, kCamera); });
     if (pSettings)
         *pSettings = m_cSettings;
     return true;
@@ -360,7 +350,7 @@ bool CCDWebCam::setROI(int& nX, int& nY, int& nWidth, int& nHeight)
         m_strLastError = "Camera is not connected!";
         return false;
     }
-    const bool bWasStarted = m_bStarted;
+    const bool bWasStarted = loadShared(m_bStarted);
     if (bWasStarted)
         stop();
 
@@ -370,7 +360,7 @@ bool CCDWebCam::setROI(int& nX, int& nY, int& nWidth, int& nHeight)
     if (nWidth < 1 || nHeight < 1) {
         int nMaxWidth = 0;
         int nMaxHeight = 0;
-        if (get_camera_max_window_size(&nMaxWidth, &nMaxHeight, kCamera) != 0) {
+        if (sdk().call([&] { return get_camera_max_window_size(&nMaxWidth, &nMaxHeight, kCamera); }) != 0) {
             m_strLastError = "Get Camera max resolution failed!";
             return false;
         }
@@ -381,7 +371,7 @@ bool CCDWebCam::setROI(int& nX, int& nY, int& nWidth, int& nHeight)
     }
     nWidth = roundUpTo4(nWidth);
     nHeight = roundUpTo4(nHeight);
-    if (set_camera_window_size(nWidth, nHeight, kCamera) != 0) {
+    if (sdk().call([&] { return set_camera_window_size(nWidth, nHeight, kCamera); }) != 0) {
         m_strLastError = "Set Camera resolution failed!";
         return false;
     }
@@ -398,13 +388,13 @@ bool CCDWebCam::getROI(int& nX, int& nY, int& nWidth, int& nHeight)
     }
     nX = 0;
     nY = 0;
-    get_camera_window_size(&nWidth, &nHeight, kCamera);
+    sdk().call([&] { return get_camera_window_size(&nWidth, &nHeight, kCamera); });
     return true;
 }
 
 void CCDWebCam::modifyGamma(float fValue)
 {
-    m_cSettings.fGamma = clampGamma(fValue);
+    storeShared(m_cSettings.fGamma, clampGamma(fValue));
 }
 
 void CCDWebCam::modifyWhiteBalanceR(float fValue)

@@ -3,6 +3,7 @@
 #include "ui_webcamconfigdlg.h"
 
 #include "camera/ccdwebcam.h"
+#include "camera/textfields.h"
 #include "dialog/webcamcfgviewform.h"
 #include "imaging/globalfunction.h"
 
@@ -83,7 +84,7 @@ void readWhiteBalance(Ui_WebCamConfigDlg* ui, CCDIF::CCDSettings& cSettings)
 void readSettings(Ui_WebCamConfigDlg* ui, CCDIF::CCDSettings& cSettings)
 {
     readWhiteBalance(ui, cSettings);
-    cSettings.fGamma = ui->edtGamma->text().toFloat();
+    cSettings.fGamma = kavrel::readFloat(ui->edtGamma->text());
     cSettings.nExposure = ui->edtExposure->text().toInt(nullptr, 10);
     cSettings.nGain = ui->edtGain->text().toInt(nullptr, 10);
 }
@@ -148,7 +149,7 @@ bool WebCamConfigDlg::createConfigStr()
     readWhiteBalance(ui, cSettings);
 
     // Gamma is the one value limited here; the edit shows what was written.
-    float fGamma = ui->edtGamma->text().toFloat();
+    float fGamma = kavrel::readFloat(ui->edtGamma->text());
     if (static_cast<double>(fGamma) < 0.01)
         fGamma = 0.01f;
     else if (fGamma > 10.0)
