@@ -63,9 +63,10 @@ std::int64_t grayAlignedStride(int nWidth)
 // image in its largest layout (DIB) holds at most INT_MAX bytes, the most the
 // int geometry of the API describes. One limit for all conversions; anything
 // else writes nothing. Past this check all offsets fit a 32-bit long too.
-bool fits(int nWidth, int nHeight)
+// A null source or destination reads and writes nothing either.
+bool fits(const void* pSrc, const void* pDst, int nWidth, int nHeight)
 {
-    return nWidth > 0 && nHeight > 0 && dibStride(nWidth) <= INT_MAX / nHeight;
+    return pSrc && pDst && nWidth > 0 && nHeight > 0 && dibStride(nWidth) <= INT_MAX / nHeight;
 }
 
 bool validYuv(GlobalFunction::YUV422_Type eType)
@@ -97,7 +98,7 @@ void forEachRow(const unsigned char* pSrc, long nSrcStride, long nSrcRow, unsign
 
 void GlobalFunction::PixelFormat_YUV422Packed_To_DIB(YUV422_Type eType, const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (!validYuv(eType) || !fits(nWidth, nHeight))
+    if (!validYuv(eType) || !fits(pSrc, pDst, nWidth, nHeight))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
     const int nType = static_cast<int>(eType);
@@ -134,7 +135,7 @@ void GlobalFunction::PixelFormat_YUV422Packed_To_DIB(YUV422_Type eType, const un
 
 void GlobalFunction::PixelFormat_YUV422Packed_To_Gray8(YUV422_Type eType, const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (!validYuv(eType) || !fits(nWidth, nHeight))
+    if (!validYuv(eType) || !fits(pSrc, pDst, nWidth, nHeight))
         return;
     // Gray8 rows have no padding: the whole image is one run of pixels.
     const long nPairs = static_cast<long>(nWidth) * nHeight / 2;
@@ -143,7 +144,7 @@ void GlobalFunction::PixelFormat_YUV422Packed_To_Gray8(YUV422_Type eType, const 
 
 void GlobalFunction::PixelFormat_DIB_To_Gray8(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (!fits(nWidth, nHeight))
+    if (!fits(pSrc, pDst, nWidth, nHeight))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
     forEachRow(pSrc, static_cast<long>(dibStride(nWidth)), 3L * nWidth, pDst, nWidth, nWidth, nWidth, nHeight,
@@ -152,7 +153,7 @@ void GlobalFunction::PixelFormat_DIB_To_Gray8(const unsigned char* pSrc, unsigne
 
 void GlobalFunction::PixelFormat_DIB_To_Gray8Aligned(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (!fits(nWidth, nHeight))
+    if (!fits(pSrc, pDst, nWidth, nHeight))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
     forEachRow(pSrc, static_cast<long>(dibStride(nWidth)), 3L * nWidth, pDst, static_cast<long>(grayAlignedStride(nWidth)),
@@ -161,7 +162,7 @@ void GlobalFunction::PixelFormat_DIB_To_Gray8Aligned(const unsigned char* pSrc, 
 
 void GlobalFunction::PixelFormat_Gray8_To_DIB(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (!fits(nWidth, nHeight))
+    if (!fits(pSrc, pDst, nWidth, nHeight))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
     forEachRow(pSrc, nWidth, nWidth, pDst, static_cast<long>(dibStride(nWidth)), 3L * nWidth, nWidth, nHeight,
@@ -170,7 +171,7 @@ void GlobalFunction::PixelFormat_Gray8_To_DIB(const unsigned char* pSrc, unsigne
 
 void GlobalFunction::PixelFormat_Gray8Aligned_To_DIB(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (!fits(nWidth, nHeight))
+    if (!fits(pSrc, pDst, nWidth, nHeight))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
     forEachRow(pSrc, static_cast<long>(grayAlignedStride(nWidth)), nWidth, pDst, static_cast<long>(dibStride(nWidth)),
@@ -180,7 +181,7 @@ void GlobalFunction::PixelFormat_Gray8Aligned_To_DIB(const unsigned char* pSrc, 
 
 void GlobalFunction::PixelFormat_Gray8_To_Gray8Aligned(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (!fits(nWidth, nHeight))
+    if (!fits(pSrc, pDst, nWidth, nHeight))
         return;
     forEachRow(pSrc, nWidth, nWidth, pDst, static_cast<long>(grayAlignedStride(nWidth)), nWidth, nWidth, nHeight,
                [](const unsigned char* s, unsigned char* d, std::size_t n) { std::memcpy(d, s, n); });
@@ -188,7 +189,7 @@ void GlobalFunction::PixelFormat_Gray8_To_Gray8Aligned(const unsigned char* pSrc
 
 void GlobalFunction::PixelFormat_Gray8Aligned_To_Gray8(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (!fits(nWidth, nHeight))
+    if (!fits(pSrc, pDst, nWidth, nHeight))
         return;
     forEachRow(pSrc, static_cast<long>(grayAlignedStride(nWidth)), nWidth, pDst, nWidth, nWidth, nWidth, nHeight,
                [](const unsigned char* s, unsigned char* d, std::size_t n) { std::memcpy(d, s, n); });
@@ -196,7 +197,7 @@ void GlobalFunction::PixelFormat_Gray8Aligned_To_Gray8(const unsigned char* pSrc
 
 void GlobalFunction::Exg_RB(unsigned char* pBuf, int nWidth, int nHeight)
 {
-    if (!fits(nWidth, nHeight))
+    if (!fits(pBuf, pBuf, nWidth, nHeight))
         return;
     const kavrel::PixelKernels& k = kavrel::pixelKernels();
     const long nStride = static_cast<long>(dibStride(nWidth));
