@@ -1,6 +1,39 @@
 #include "api/kavrel.h"
 
+#include <atomic>
+
+#include "api/camerause.h"
 #include "camera/ccdwebcam.h"
+
+namespace {
+
+// API calls under way on a camera of the registry. Counted before the lookup,
+// which waits for the registry's mutex: destroyInstance, holding that mutex,
+// either sees the call and refuses, or the call finds the next registry.
+std::atomic<int> g_nCameraUses{0};
+
+} // namespace
+
+namespace kavrel {
+
+CameraUse::CameraUse(bool bSlaver)
+{
+    g_nCameraUses.fetch_add(1);
+    try {
+        Kavrel* pRegistry = Kavrel::getInstance();
+        m_pCamera = bSlaver ? pRegistry->getInterfaceSlaver() : pRegistry->getInterfaceMain();
+    } catch (...) {
+        g_nCameraUses.fetch_sub(1);
+        throw;
+    }
+}
+
+CameraUse::~CameraUse()
+{
+    g_nCameraUses.fetch_sub(1);
+}
+
+} // namespace kavrel
 
 Kavrel* Kavrel::s_pcThis = nullptr;
 QMutex Kavrel::s_cMutexForInstance;
@@ -32,7 +65,8 @@ Kavrel* Kavrel::getInstance()
 void Kavrel::destroyInstance()
 {
     QMutexLocker cLocker(&s_cMutexForInstance);
-    if (s_pcThis) {
+    // A camera still in use by another thread stays: refused, nothing changes.
+    if (s_pcThis && g_nCameraUses.load() == 0) {
         delete s_pcThis;
         s_pcThis = nullptr;
     }

@@ -16,6 +16,10 @@ public:
     virtual ~Kavrel();
 
     static Kavrel* getInstance();
+    // Deletes the registry; the next lookup makes a new one with two new,
+    // unconnected cameras. Refused (nothing happens) while another thread is
+    // inside a camera operation of KavrelInterface, such as a request waiting
+    // for its frame or an open configuration dialog.
     static void destroyInstance();
 
     CCDWebCam* getInterfaceMain();
