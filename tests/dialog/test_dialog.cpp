@@ -42,7 +42,7 @@ TEST_F(Dialog, OkWritesWhatWasEnteredWithGammaLimited)
 {
     // A new dialog reads back what OK wrote; gamma is limited to 0.01 .. 10 and
     // the edit shows the value written.
-    for (const auto& c : {std::make_pair("0", "0.01"), {"25", "10.00"}, {"abc", "0.01"}, {" 0.456 ", "0.46"}}) {
+    for (const auto& c : {std::make_pair("0", "0.01"), {"25", "10.00"}, {"abc", "0.01"}, {"nan", "0.01"}, {" 0.456 ", "0.46"}}) {
         WebCamConfigDlg dlg("");
         dlg.show();
         child<QComboBox>(&dlg, "cmbPixelType")->setCurrentIndex(1);
@@ -130,6 +130,24 @@ TEST_F(Dialog, OpenShowsTheRegionAndSettingsTheCameraSettledOn)
         type(&dlg, "edtGamma", "50");
         click(&dlg, "btnApply");
         EXPECT_EQ(values(&dlg, {"edtROIWidth", "edtROIHeight", "lblLastErr", "edtExposure", "edtGamma"}), c[2]) << c[0];
+    }
+}
+
+// Exposure, gain and mode the SDK refuses: Apply goes through and the edits
+// show what the camera really kept; once the SDK takes them, they stick.
+TEST_F(Dialog, ApplyShowsWhatTheCameraKeptWhenTheSdkRefuses)
+{
+    WebCamConfigDlg dlg("");
+    dlg.show();
+    click(&dlg, "btnOpenCCD");
+    for (const int refuse : {1, 0}) {
+        torvanesim_fail_set_exposure(refuse);
+        torvanesim_fail_set_gain(refuse);
+        torvanesim_fail_set_mode(refuse);
+        type(&dlg, "edtExposure", "1500");
+        type(&dlg, "edtGain", "7");
+        click(&dlg, "btnApply");
+        EXPECT_EQ(values(&dlg, {"edtExposure", "edtGain", "lblLastErr"}), refuse ? "20000|0|" : "1500|7|");
     }
 }
 

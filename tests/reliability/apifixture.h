@@ -32,11 +32,12 @@ public:
     }
 };
 
-// <PixFmt> code 1 is BGR, 0 grey; the settings leave the simulated picture as rendered.
-inline std::string configFor(int pixFmtCode, int width, int height)
+// <PixFmt> code 1 is BGR, 0 grey; the settings leave the simulated picture as
+// rendered unless `settings` (inserted first, so it counts) says otherwise.
+inline std::string configFor(int pixFmtCode, int width, int height, const std::string& settings = "")
 {
     return "<PixFmt>" + std::to_string(pixFmtCode) + "</PixFmt><ROI>" + std::to_string(width) + "," +
-           std::to_string(height) + "</ROI><Settings><Gamma>1.00</Gamma><Exposure>20000</Exposure></Settings>";
+           std::to_string(height) + "</ROI><Settings>" + settings + "<Gamma>1.00</Gamma><Exposure>20000</Exposure></Settings>";
 }
 
 inline std::string text(const char* sz) { return sz ? std::string(sz) : std::string("<null>"); }
@@ -72,7 +73,16 @@ void expectNoHeapGrowth(F&& run)
 
 class ApiFixture : public ::testing::Test {
 protected:
-    void SetUp() override { torvanesim_reset(); torvanesim_set_frame_rate(0); torvanesim_set_sensor(64, 48, 3); }
+    void SetUp() override
+    {
+        torvanesim_reset();
+        torvanesim_set_frame_rate(0);
+        torvanesim_set_sensor(64, 48, 3);
+        // A missing <TriggerType> keeps the one parsed before: start each test in video mode.
+        std::string video = "<Settings><TriggerType>Video</TriggerType></Settings>";
+        api->setConfigStringMain(&video[0]);
+        api->setConfigStringSlaver(&video[0]);
+    }
     void TearDown() override
     {
         api->disconnectMain();

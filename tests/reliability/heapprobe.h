@@ -17,4 +17,9 @@ struct HeapCount {
 
 HeapCount heapCount();
 
+// Makes every allocation of at least `bytes` bytes fail (0: none), where the
+// counting wrappers are in charge; heapCanFail() says whether they are.
+void failAllocationsFrom(unsigned long bytes);
+bool heapCanFail();
+
 #endif

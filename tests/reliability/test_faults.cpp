@@ -122,4 +122,45 @@ TEST_F(Faults, GeometryChangesBeforeTheCopy)
     }
 }
 
+// Exposure, gain and mode the SDK refuses are not the driver's failures: the
+// camera starts and delivers, reading back gives what the SDK kept, and a
+// software-triggered camera whose mode change was refused still gets frames
+// (the SDK stayed continuous) until the SDK takes the mode.
+TEST_F(Faults, RefusedExposureGainAndModeLeaveTheCameraWorking)
+{
+    torvanesim_fail_set_exposure(1);
+    torvanesim_fail_set_gain(1);
+    torvanesim_fail_set_mode(1);
+    ASSERT_TRUE(startMain(configFor(1, 64, 48, "<Exposure>5000</Exposure><Gain>5</Gain><TriggerType>soft</TriggerType>")));
+    CCDIF::CCDSettings settings;
+    ASSERT_TRUE(camMain()->getCurSettings(&settings));
+    EXPECT_EQ(std::vector<int>({settings.nExposure, settings.nGain, settings.eTriggerType}),
+              std::vector<int>({20000, 0, CCDIF::TriggerSoft}));
+    EXPECT_TRUE(takesWhole(false, false));
+    torvanesim_fail_set_mode(0);
+    ASSERT_TRUE(api->applyNewConfigMain());
+    EXPECT_EQ(request(false, nullptr, nullptr, nullptr, 50), nullptr) << "triggered now: no frame without a trigger";
+    EXPECT_TRUE(api->clickMain());
+    EXPECT_TRUE(takesWhole(false, false));
+}
+
+// A frame of 2 or 4 bytes per pixel is not transferred, but gamma still runs
+// over what the image holds: the last frame's pixels, corrected once more.
+TEST_F(Faults, GammaStillRunsOverAFrameThatIsNotTransferred)
+{
+    ASSERT_TRUE(startMain(configFor(1, 16, 8, "<Gamma>2.0</Gamma>")));
+    const std::vector<unsigned char> grey(16 * 8 * 3, 128);
+    torvanesim_queue_frame(16, 8, 3, grey.data());
+    const int expected[] = {64, 16, 1}; // 255 * (v / 255)^2, truncated, applied again for each frame
+    for (const int bpp : {3, 2, 4}) {
+        if (bpp != 3)
+            torvanesim_queue_frame(16, 8, bpp, nullptr);
+        unsigned char* img = request();
+        ASSERT_NE(img, nullptr) << bpp;
+        const int want = expected[bpp == 3 ? 0 : bpp / 2];
+        EXPECT_TRUE(std::all_of(img, img + 16 * 8 * 3, [&](int v) { return v == want; })) << bpp << " bytes per pixel";
+        api->releaseImageMain(img);
+    }
+}
+
 } // namespace

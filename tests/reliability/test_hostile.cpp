@@ -74,6 +74,29 @@ TEST(HostileConversions, OverflowingSizesWriteNothing)
     munmap(base, 4 * page);
 }
 
+// A null source or destination with a valid size reads and writes nothing.
+TEST(HostileConversions, NullBuffersAreLeftAlone)
+{
+    using G = GlobalFunction;
+    unsigned char buf[8 * 4 * 4];
+    std::memset(buf, 0x5A, sizeof buf);
+    for (unsigned char* a : {static_cast<unsigned char*>(nullptr), buf})
+        for (unsigned char* b : {static_cast<unsigned char*>(nullptr), buf}) {
+            if (a && b)
+                continue;
+            for (auto f : {G::PixelFormat_DIB_To_Gray8, G::PixelFormat_DIB_To_Gray8Aligned, G::PixelFormat_Gray8_To_DIB,
+                           G::PixelFormat_Gray8Aligned_To_DIB, G::PixelFormat_Gray8_To_Gray8Aligned,
+                           G::PixelFormat_Gray8Aligned_To_Gray8})
+                f(a, b, 8, 4);
+            for (int t = 0; t < 4; ++t) {
+                G::PixelFormat_YUV422Packed_To_DIB(G::YUV422_Type(t), a, b, 8, 4);
+                G::PixelFormat_YUV422Packed_To_Gray8(G::YUV422_Type(t), a, b, 8, 4);
+            }
+        }
+    G::Exg_RB(nullptr, 8, 4);
+    EXPECT_TRUE(std::all_of(buf, buf + sizeof buf, [](unsigned char v) { return v == 0x5A; }));
+}
+
 std::string repeat(const char* piece, int times) { return QByteArray(piece).repeated(times).toStdString(); }
 
 // Every text comes back whole (up to a NUL) as well-formed UTF-8, and parses as
@@ -111,19 +134,94 @@ TEST_F(Hostile, TextsHugeBrokenNestedCutOrOutOfRange)
     ASSERT_TRUE(api->connectMain() && api->startMain());
 }
 
-// Gamma values that are no numbers reach the camera as the clamp leaves them:
-// infinity becomes 10, NaN passes the clamp and then changes no pixel.
-TEST_F(Hostile, GammaBeyondNumbersStillDeliversFrames)
+// Gamma values that are no numbers: "nan" reads as 0 like any malformed
+// number, so it and the other extremes act as the clamped values they become.
+TEST_F(Hostile, GammaBeyondNumbersActsAsItsClampedValue)
 {
-    for (const char* gamma : {"nan", "inf", "-1e39"}) {
-        ASSERT_TRUE(startMain(std::string("<PixFmt>1</PixFmt><ROI>64,48</ROI><Settings><Exposure>20000</Exposure><Gamma>") + gamma +
-                              "</Gamma></Settings>"));
+    auto image = [&](const char* gamma) {
+        EXPECT_TRUE(startMain(configFor(1, 64, 48, std::string("<Gamma>") + gamma + "</Gamma>")));
         torvanesim_queue_frame(64, 48, 3, nullptr);
         unsigned char* img = request();
-        EXPECT_TRUE(img && wholeFrame(img, 64, 48, false) == (gamma[0] == 'n')) << gamma;
+        std::vector<unsigned char> pixels(img ? img : nullptr, img ? img + 64 * 48 * 3 : nullptr);
         api->releaseImageMain(img);
         api->disconnectMain();
+        return pixels;
+    };
+    const char* pairs[][2] = {{"nan", "0"}, {"-nan", "0.01"}, {"inf", "10"}, {"-1e39", "0.01"}};
+    for (const auto& p : pairs) {
+        const std::vector<unsigned char> got = image(p[0]);
+        EXPECT_FALSE(got.empty()) << p[0];
+        EXPECT_EQ(got, image(p[1])) << p[0] << " should act as " << p[1];
     }
+}
+
+// A text longer than a QString can hold is refused before anything is
+// allocated for it: the stored string and its parsed values stay.
+TEST_F(Hostile, ConfigTooLongToHoldIsRefused)
+{
+    const size_t size = (size_t(1) << 30) + (size_t(1) << 27); // 1.125 GiB
+    void* big = mmap(nullptr, size + 1, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (big == MAP_FAILED)
+        GTEST_SKIP() << "no address space for a 1.125 GiB text here";
+    setMain("<CCDPos>2</CCDPos><PixFmt>1</PixFmt>");
+    std::memset(big, 'x', size);
+    std::memcpy(big, "<CCDPos>5</CCDPos>", 18);
+    api->setConfigStringMain(static_cast<char*>(big));
+    munmap(big, size + 1);
+    EXPECT_EQ(peer.ccdPosAndPixFmtMain(), 201);
+    EXPECT_EQ(text(api->getConfigStringMain()), "<CCDPos>2</CCDPos><PixFmt>1</PixFmt>");
+    EXPECT_EQ(text(api->getLastError()), "Config string is too long.");
+}
+
+// Comma lists are counted, not split: a million commas in <ROI> or
+// <WhiteBalance> cost a handful of allocations and keep the values we had.
+TEST_F(Hostile, MillionsOfCommasAreNeverSplit)
+{
+    setMain(configFor(1, 64, 48, "<WhiteBalance>1.5,1.25,0.5</WhiteBalance>"));
+    const std::string commas(1 << 20, ',');
+    std::string config = "<ROI>1" + commas + "2</ROI><Settings><WhiteBalance>" + commas + "</WhiteBalance></Settings>";
+    const HeapCount before = heapCount();
+    setMain(config);
+    EXPECT_LT(heapCount().allocations - before.allocations, 100);
+    ASSERT_TRUE(api->connectMain() && api->startMain());
+    int w = 0, b = 0, h = 0;
+    unsigned char* img = request(false, &w, &b, &h);
+    EXPECT_EQ(std::vector<int>({w, h}), std::vector<int>({64, 48})) << "the region stays";
+    api->releaseImageMain(img);
+    CCDIF::CCDSettings settings;
+    ASSERT_TRUE(camMain()->getCurSettings(&settings));
+    EXPECT_EQ(std::vector<float>({settings.fWhiteBalanceR, settings.fWhiteBalanceG, settings.fWhiteBalanceB}),
+              std::vector<float>({1.5f, 1.25f, 0.5f}));
+}
+
+// When memory runs out inside an operation nothing is thrown to the host: the
+// operation fails, and a configuration that could not be read leaves the
+// stored string and its parsed values as they were.
+TEST_F(Hostile, OutOfMemoryThrowsNothingAndChangesNothing)
+{
+    if (!heapCanFail())
+        GTEST_SKIP() << "the sanitizers' allocators cannot be made to fail";
+    setMain(configFor(1, 64, 48, "<Gain>3</Gain>"));
+    const std::string huge = std::string(4 << 20, ' ') + "<CCDPos>7</CCDPos><Settings><Gain>9</Gain></Settings>";
+    const QString hugeText(4 << 20, 'x');
+    failAllocationsFrom(1 << 20);
+    api->setConfigStringMain(const_cast<char*>(huge.c_str()));
+    const std::string emptyResult = text(transConfigString(hugeText));
+    failAllocationsFrom(0);
+    EXPECT_EQ(emptyResult, "");
+    EXPECT_EQ(peer.ccdPosAndPixFmtMain(), 1);
+    EXPECT_EQ(peer.gainMain(), 3);
+    EXPECT_EQ(text(api->getConfigStringMain()), configFor(1, 64, 48, "<Gain>3</Gain>"));
+
+    // A frame whose hand-over buffer cannot be had is not lent.
+    setMain(configFor(1, 640, 480));
+    torvanesim_set_sensor(640, 480, 3);
+    ASSERT_TRUE(api->connectMain() && api->startMain());
+    failAllocationsFrom(640 * 480);
+    EXPECT_EQ(request(), nullptr);
+    failAllocationsFrom(0);
+    EXPECT_TRUE(peer.nothingLent());
+    EXPECT_TRUE(takesWhole(false, false, 640, 480));
 }
 
 // The one shared text buffer grows by half again each time it is too small

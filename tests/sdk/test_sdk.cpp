@@ -7,7 +7,9 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -130,6 +132,36 @@ TEST_F(Sdk, TwoUsersAtOnceKeepTheirOwnFrames)
     a.join();
     b.join();
     EXPECT_EQ(bad[0] + bad[1], 0);
+}
+
+// The strict mode keeps a frame exactly as long as the SDK promises: one
+// buffer for all, spoiled by the next SDK call from any thread.
+TEST_F(Sdk, StrictFramesLastUntilTheNextCallFromAnyThread)
+{
+    torvanesim_set_frame_rate(0);
+    torvanesim_strict_frames(1);
+    const unsigned char* first = grab(100);
+    const unsigned int n = torvanesim_frame_number(first, 3);
+    EXPECT_EQ(grab(100), first) << "one buffer for all frames";
+    EXPECT_EQ(torvanesim_frame_number(first, 3), n + 1);
+    std::thread([] { int gain = 0; get_camera_gain(&gain, 0); }).join();
+    EXPECT_EQ(torvanesim_frame_number(first, 3), 0xAAAAAAAAu) << "spoiled by another thread's call";
+
+    torvanesim_strict_frames(0);
+    const unsigned char* own = grab(100);
+    const unsigned int m = torvanesim_frame_number(own, 3);
+    std::thread([] { grab(100); }).join();
+    EXPECT_EQ(torvanesim_frame_number(own, 3), m) << "per-thread frames outlive other threads' calls";
+}
+
+// A host may return from main while its threads are still fetching frames:
+// the simulated camera's state and picture cache outlive them
+// (AddressSanitizer reports any read of freed memory in the child).
+TEST(SdkExit, ReturningFromMainWhileThreadsFetchFrames)
+{
+    const std::string command = std::string(KAVREL_EXIT_RACE_PROGRAM) + " >/dev/null 2>&1";
+    for (int run = 0; run < 20; ++run)
+        ASSERT_EQ(std::system(command.c_str()), 0) << "run " << run;
 }
 
 } // namespace
