@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: LGPL-2.1-or-later
 # Cross build for 32-bit ARM hard-float (Debian armhf) with the test suite run
 # under user-mode emulation (qemu-arm), from an x86-64 Debian 12 machine.
 #
@@ -72,7 +73,7 @@ for variant in "${variants[@]}"; do
     -DKAVREL_ARMHF_SYSROOT="$sysroot" \
     -DKAVREL_ARMHF_NEON=$neon \
     -DCMAKE_BUILD_TYPE=Release \
-    -DCMAKE_INSTALL_PREFIX=/usr >/dev/null
+    -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_TESTING=$([ "$run_tests" = 1 ] && echo ON || echo OFF) >/dev/null
   cmake --build "$build" -j"$jobs"
 
   lib="$build/libKavrel.so.1"
@@ -93,7 +94,7 @@ for variant in "${variants[@]}"; do
   if [ "$run_tests" = 1 ]; then
     stage "armhf $variant: tests under qemu-arm"
     # Emulation is several times slower than native: allow for it.
-    (cd "$build" && ctest --output-on-failure -j"$jobs" --timeout 1800)
+    (cd "$build" && ctest --output-on-failure --no-tests=error -j"$jobs" --timeout 1800)
   fi
 
   if [ "$package" = 1 ]; then
