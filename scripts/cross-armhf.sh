@@ -7,7 +7,8 @@
 #   (default)  Debian armhf baseline: ARMv7-A, VFPv3-D16, no NEON
 #   --neon     a build for NEON-capable cores instead (NEON pixel kernels)
 #   --both     the baseline build and then the NEON build
-#   --package  also make the armhf Debian packages (build dir /packages)
+#   --package  also make the armhf Debian packages (build dir /packages) and
+#              check them with lintian
 #   --no-test  build only
 #
 # One command does everything: installs the cross compiler, qemu-user and the
@@ -42,6 +43,7 @@ stage() { echo; echo "== $* =="; }
 # host's Qt packages; everything the target links comes from the sysroot.
 host_packages=(crossbuild-essential-armhf qemu-user cmake make pkg-config
                qtbase5-dev-tools qttools5-dev-tools debian-archive-keyring)
+if [ "$package" = 1 ]; then host_packages+=(help2man doxygen lintian); fi
 missing=()
 for p in "${host_packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
@@ -73,7 +75,8 @@ for variant in "${variants[@]}"; do
     -DKAVREL_ARMHF_SYSROOT="$sysroot" \
     -DKAVREL_ARMHF_NEON=$neon \
     -DCMAKE_BUILD_TYPE=Release \
-    -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_TESTING=$([ "$run_tests" = 1 ] && echo ON || echo OFF) >/dev/null
+    -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_TESTING=$([ "$run_tests" = 1 ] && echo ON || echo OFF) \
+    -DKAVREL_DOCS=$([ "$package" = 1 ] && echo ON || echo AUTO) >/dev/null
   cmake --build "$build" -j"$jobs"
 
   lib="$build/libKavrel.so.1"
@@ -99,7 +102,8 @@ for variant in "${variants[@]}"; do
 
   if [ "$package" = 1 ]; then
     stage "armhf $variant: Debian packages"
+    rm -rf "$build/packages"
     (cd "$build" && cpack -G DEB >/dev/null)
-    ls -1 "$build/packages/"*.deb
+    "$root/scripts/lint-packages.sh" "$build/packages"
   fi
 done
