@@ -123,12 +123,28 @@ QString defaultDialogLanguage(const QLocale& cLocale)
     return cLocale.language() == QLocale::Chinese ? "zh" : "en";
 }
 
+QString describeConfig(const QString& strConfig)
+{
+    QStringList cParts;
+    const QString strSettings = body(strConfig, "Settings");
+    for (const char* szName : {"CCDPos", "PixFmt", "ROI"}) {
+        if (findElement(strConfig, szName))
+            cParts << QString("%1 %2").arg(QLatin1String(szName), body(strConfig, szName));
+    }
+    for (const char* szName : {"Exposure", "Gain", "Gamma", "WhiteBalance", "AutoExposure", "TriggerType"}) {
+        if (findElement(strSettings, szName))
+            cParts << QString("%1 %2").arg(QLatin1String(szName), body(strSettings, szName));
+    }
+    return cParts.join(", ");
+}
+
 QString configSyntaxHelp()
 {
     return "Configuration strings:\n"
            "  A run of tagged elements in any order; tags are compared ignoring case,\n"
            "  and of a repeated element the first counts. What --main or --slaver leaves\n"
-           "  out is taken from the default (--as-given: use the text as it is).\n"
+           "  out is taken from the default (--as-given: use the text as it is;\n"
+           "  --print-config shows the strings the cameras get).\n"
            "    <CCDPos>n</CCDPos>        camera number\n"
            "    <PixFmt>n</PixFmt>        0 grey (8 bit), 1 BGR, 2 RGB (24 bit)\n"
            "    <ROI>w,h</ROI>            image size in pixels; 0 is the sensor's maximum\n"

@@ -34,6 +34,11 @@ bool isColourImage(int nWidth, int nBytesPerLine);
 // language is Chinese, else "en".
 QString defaultDialogLanguage(const QLocale& cLocale);
 
+// A configuration in words for help texts: "PixFmt 1, ROI 640,480, Exposure
+// 20000, ..." (the elements that say what the picture is; no long words, so
+// that manual pages can fill their lines).
+QString describeConfig(const QString& strConfig);
+
 // Help text shared by both tools: the configuration string's syntax and the
 // simulated camera's environment.
 QString configSyntaxHelp();

@@ -153,8 +153,9 @@ bool grab(QTextStream& out, const Camera& cam, QByteArray config, int nFrames, i
 // what QCommandLineParser prints, then what it has no place for.
 QString helpText(const QCommandLineParser& parser)
 {
-    return parser.helpText() + "\nDefault configuration strings:\n  --main   " + kDefaultMain + "\n  --slaver " +
-           kDefaultSlaver + "\n\n" + kavreltool::configSyntaxHelp() + "\n" + kavreltool::simulatorEnvironmentHelp() +
+    return parser.helpText() + "\nDefaults:\n  Main camera: " + kavreltool::describeConfig(kDefaultMain) +
+           ".\n  Slaver camera: " + kavreltool::describeConfig(kDefaultSlaver) + ".\n\n" +
+           kavreltool::configSyntaxHelp() + "\n" + kavreltool::simulatorEnvironmentHelp() +
            "\nExit status: 0 when both cameras delivered frames, 1 when one did not, 2 for a usage error.\n";
 }
 
@@ -190,10 +191,12 @@ int main(int argc, char** argv)
     const QCommandLineOption optAsGiven("as-given",
                                         "Use --main and --slaver as they are, without the defaults of what they "
                                         "leave out.");
+    const QCommandLineOption optPrint("print-config",
+                                      "Print the configuration strings the cameras get, then exit.");
     const QCommandLineOption optTrigger("trigger",
                                         "Fire a software trigger before each request (needed in software-trigger "
                                         "mode).");
-    parser.addOptions({optHelp, optVersion, optFrames, optOut, optTimeout, optMain, optSlaver, optAsGiven, optTrigger});
+    parser.addOptions({optHelp, optVersion, optFrames, optOut, optTimeout, optMain, optSlaver, optAsGiven, optPrint, optTrigger});
     if (!parser.parse(QCoreApplication::arguments()))
         return usageError(parser.errorText());
     if (parser.isSet(optHelp)) {
@@ -228,6 +231,10 @@ int main(int argc, char** argv)
         QString strConfig = parser.isSet(*pOpt) ? parser.value(*pOpt) : QString::fromLatin1(szDefault);
         if (!parser.isSet(optAsGiven))
             strConfig = kavreltool::mergeConfig(QString::fromLatin1(szDefault), strConfig);
+        if (parser.isSet(optPrint)) {
+            out << pCam->name << ": " << strConfig << "\n";
+            continue;
+        }
         for (const QString& strWarning : kavreltool::pictureWarnings(strConfig))
             out << pCam->name << ": warning: " << strWarning << "\n";
         if (!grab(out, *pCam, strConfig.toLocal8Bit(), nFrames, nTimeout, parser.isSet(optTrigger), strOutDir))

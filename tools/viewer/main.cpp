@@ -40,8 +40,9 @@ bool loadTranslation(QTranslator& cTranslator, const QString& strLang)
 
 QString helpText(const QCommandLineParser& parser)
 {
-    return parser.helpText() + "\nDefault configuration strings:\n  --main   " + gszViewerDefaultMain +
-           "\n  --slaver " + gszViewerDefaultSlaver + "\n\n" + kavreltool::configSyntaxHelp() + "\n" +
+    return parser.helpText() + "\nDefaults:\n  Main camera: " + kavreltool::describeConfig(gszViewerDefaultMain) +
+           ".\n  Slaver camera: " + kavreltool::describeConfig(gszViewerDefaultSlaver) + ".\n\n" +
+           kavreltool::configSyntaxHelp() + "\n" +
            "Language:\n"
            "  The configuration dialog's own texts are Chinese; they need a CJK font\n"
            "  (fonts-wqy-microhei or fonts-noto-cjk), or every label is an empty box.\n"
@@ -93,25 +94,42 @@ int main(int argc, char** argv)
     const QCommandLineOption optAsGiven("as-given",
                                         "Use --main and --slaver as they are, without the defaults of what they "
                                         "leave out.");
+    const QCommandLineOption optPrint("print-config",
+                                      "Print the configuration strings the cameras get, then exit.");
     const QCommandLineOption optLang("lang",
                                      "Language of the configuration dialog: \"en\" (English), or \"zh\" for its "
                                      "own Chinese texts. Default: zh where the locale is Chinese, else en.",
                                      "code");
     const QCommandLineOption optScreenshots("screenshots", "Write viewer.png and config-dialog.png into <dir>, then quit.",
                                             "dir");
-    parser.addOptions({optHelp, optVersion, optMain, optSlaver, optAsGiven, optLang, optScreenshots});
+    parser.addOptions({optHelp, optVersion, optMain, optSlaver, optAsGiven, optPrint, optLang, optScreenshots});
 
-    // Help and version need no display: answer them with a core application
-    // alone. (Everything else waits for QApplication, which takes its own
-    // options such as -platform out of the arguments first.)
+    // The configuration each camera gets: the option's text merged over the default.
+    const QCommandLineOption* apOptions[2] = {&optMain, &optSlaver};
+    const char* const aszDefaults[2] = {gszViewerDefaultMain, gszViewerDefaultSlaver};
+    auto effectiveConfig = [&](int i) {
+        const QString strGiven = parser.isSet(*apOptions[i]) ? parser.value(*apOptions[i]) : aszDefaults[i];
+        return parser.isSet(optAsGiven) ? strGiven : kavreltool::mergeConfig(aszDefaults[i], strGiven);
+    };
+
+    // Help, version and --print-config need no display: answer them with a
+    // core application alone. (Everything else waits for QApplication, which
+    // takes its own options such as -platform out of the arguments first.)
     for (int i = 1; i < argc; ++i) {
         const QByteArray cArg(argv[i]);
-        if (cArg == "-h" || cArg == "--help" || cArg == "--version") {
+        if (cArg == "-h" || cArg == "--help" || cArg == "--version" || cArg == "--print-config") {
             QCoreApplication cCore(argc, argv);
-            if (cArg == "--version")
+            const bool bParsed = parser.parse(QCoreApplication::arguments());
+            if (cArg == "--version") {
                 std::printf("kavrel-viewer %s\n", KAVREL_VERSION);
-            else
+            } else if (cArg == "--print-config" && bParsed) {
+                std::printf("Main: %s\nSlaver: %s\n", qPrintable(effectiveConfig(0)), qPrintable(effectiveConfig(1)));
+            } else if (cArg == "--print-config") {
+                std::fprintf(stderr, "kavrel-viewer: %s (try --help)\n", qPrintable(parser.errorText()));
+                return 2;
+            } else {
                 std::fputs(qPrintable(helpText(parser)), stdout);
+            }
             return 0;
         }
     }
@@ -141,12 +159,8 @@ int main(int argc, char** argv)
     }
 
     QByteArray aConfigs[2];
-    const QCommandLineOption* apOptions[2] = {&optMain, &optSlaver};
-    const char* const aszDefaults[2] = {gszViewerDefaultMain, gszViewerDefaultSlaver};
     for (int i = 0; i < 2; ++i) {
-        QString strConfig = parser.isSet(*apOptions[i]) ? parser.value(*apOptions[i]) : aszDefaults[i];
-        if (!parser.isSet(optAsGiven))
-            strConfig = kavreltool::mergeConfig(QString::fromLatin1(aszDefaults[i]), strConfig);
+        const QString strConfig = effectiveConfig(i);
         for (const QString& strWarning : kavreltool::pictureWarnings(strConfig))
             std::fprintf(stderr, "kavrel-viewer: %s: warning: %s\n", i == 0 ? "Main" : "Slaver",
                          qPrintable(strWarning));
