@@ -59,5 +59,15 @@ unset TSAN_OPTIONS
 stage "Fuzz targets: a fixed number of runs each over the seed corpus"
 "$root/scripts/fuzz.sh" --smoke
 
-stage "armhf cross build: baseline and NEON, every test under qemu-arm"
-"$root/scripts/cross-armhf.sh" --both
+stage "Debian packages: built, lintian, installed, the README's host built against them, removed"
+if [ "$(id -u)" -eq 0 ]; then
+  # Runs the README's packages block as it stands (it builds the packages
+  # with scripts/packages.sh, which runs lintian), then removes them again.
+  "$root/tests/install/quickstart.sh" packages "$root/README.md" "$root"
+else
+  "$root/scripts/packages.sh" amd64
+  echo "Not root: the packages were built and checked, not installed (run test.sh as root for that)."
+fi
+
+stage "armhf cross build: baseline and NEON, every test under qemu-arm, lintian on the packages"
+"$root/scripts/cross-armhf.sh" --both --package
