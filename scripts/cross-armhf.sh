@@ -31,7 +31,7 @@ for a in "$@"; do
     --both) variants=(baseline neon) ;;
     --package) package=1 ;;
     --no-test) run_tests=0 ;;
-    -h|--help) sed -n '2,19p' "$0"; exit 0 ;;
+    -h|--help) sed -n '3,20p' "$0"; exit 0 ;;
     *) echo "cross-armhf.sh: unknown argument $a (try --help)" >&2; exit 2 ;;
   esac
 done

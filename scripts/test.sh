@@ -21,7 +21,7 @@ quick=0
 for a in "$@"; do
   case $a in
     --quick) quick=1 ;;
-    -h|--help) sed -n '2,16p' "$0"; exit 0 ;;
+    -h|--help) sed -n '3,15p' "$0"; exit 0 ;;
     *) echo "test.sh: unknown argument $a (try --help)" >&2; exit 2 ;;
   esac
 done
