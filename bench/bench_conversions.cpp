@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // GlobalFunction's conversions beside the scalar reference and the nearest
 // operations of libyuv and OpenCV (single-threaded), on the same buffers.
 

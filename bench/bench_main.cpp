@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Runs every benchmark (medians of 5 repetitions, interleaved at random,
 // unless told otherwise) and then prints one table: per case and size, each
 // implementation's median and Kavrel's time relative to the reference, the

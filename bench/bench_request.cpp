@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // The image request path on the simulated camera (frames ready at once):
 // SDK frame -> driver image (transfer, grey, gamma) -> hand-over buffer.
 // The simulated camera reuses its frame (only the frame number changes), so

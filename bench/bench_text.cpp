@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Time of the text readers against the length of hostile texts: each family
 // runs from 64 KiB to 16 MiB and Google Benchmark fits the growth (expect
 // "O(N)" with a steady per-byte cost, not "O(N^2)").

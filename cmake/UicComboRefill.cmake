@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: LGPL-2.1-or-later
 # Turns uic's combo box items into the clear-and-refill form of the dialog's
 # layout class: setupUi creates the combo boxes empty, and retranslateUi clears
 # each one and inserts its translated items in order (so a retranslation

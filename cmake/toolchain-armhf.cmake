@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: LGPL-2.1-or-later
 # Cross build for 32-bit ARM hard-float Linux (Debian armhf) from an x86-64
 # Debian machine.
 #

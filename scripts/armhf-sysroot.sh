@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: LGPL-2.1-or-later
 # Prepares an armhf (arm-linux-gnueabihf) sysroot with Qt 5, GoogleTest and
 # Google Benchmark taken from Debian's armhf packages, and prints its path.
 #
@@ -47,7 +48,7 @@ for a in "$@"; do
   case $a in
     --force) force=1 ;;
     --print-path) print_only=1 ;;
-    -h|--help) sed -n '2,20p' "$0"; exit 0 ;;
+    -h|--help) sed -n '3,20p' "$0"; exit 0 ;;
     *) echo "armhf-sysroot.sh: unknown argument $a" >&2; exit 2 ;;
   esac
 done

@@ -1,16 +1,23 @@
 #!/usr/bin/env bash
-# Installs the Debian 12 packages a build needs. Usage: install-deps.sh [run|test]
-#   run  - what building the library and its tools needs
-#   test - that, plus the test, benchmark and fuzzing tools
+# SPDX-License-Identifier: LGPL-2.1-or-later
+# Installs the Debian 12 packages a build needs.
+# Usage: install-deps.sh [run|package|test]
+#   run     - what building the library and its tools needs
+#   package - that, plus what the Debian packages need: help2man (manual
+#             pages), Doxygen (API reference), lintian (the packages' check)
+#   test    - all of that, plus the test, benchmark and fuzzing tools
 # Packages already present are not asked for again, so a prepared machine
 # needs no network.
 set -euo pipefail
 
 what=${1:-run}
 packages=(build-essential cmake pkg-config qtbase5-dev qttools5-dev qttools5-dev-tools)
-if [ "$what" = test ]; then
-  packages+=(libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-dev)
-fi
+case $what in
+  run) ;;
+  package) packages+=(help2man doxygen lintian) ;;
+  test) packages+=(help2man doxygen lintian libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-dev) ;;
+  *) echo "usage: $0 [run|package|test]" >&2; exit 2 ;;
+esac
 
 missing=()
 for p in "${packages[@]}"; do

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: LGPL-2.1-or-later
 # Builds the Debian packages: libkavrel1, libkavrel-dev, kavrel-tools and
-# kavrel-camera-sim, for this machine (amd64), for armhf devices, or both.
+# kavrel-camera-sim, for this machine (amd64), for armhf devices, or both,
+# and checks them with lintian (no error and no warning may remain).
 #
 # Usage: scripts/packages.sh [amd64|armhf|all]   (default: all)
 # The .deb files land in build/pkg-amd64/packages and build/armhf/packages.
@@ -16,15 +18,17 @@ case $what in
 esac
 
 if [ "$what" != armhf ]; then
-  "$root/scripts/install-deps.sh" run
+  "$root/scripts/install-deps.sh" package
   build=$root/build/pkg-amd64
   echo "== amd64 packages in $build/packages =="
   # Prefix /usr: the packages install where Debian's own libraries go.
+  # KAVREL_DOCS=ON: manual pages and API reference, or a failed build.
   cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
-        -DBUILD_TESTING=OFF -DKAVREL_BUILD_BENCH=OFF >/dev/null
+        -DBUILD_TESTING=OFF -DKAVREL_BUILD_BENCH=OFF -DKAVREL_DOCS=ON >/dev/null
   cmake --build "$build" -j"$jobs"
+  rm -rf "$build/packages"
   (cd "$build" && cpack -G DEB >/dev/null)
-  ls -1 "$build/packages/"*.deb
+  "$root/scripts/lint-packages.sh" "$build/packages"
 fi
 
 if [ "$what" != amd64 ]; then

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: LGPL-2.1-or-later
 # Builds the library with the simulated camera and runs the grab tool on both
 # cameras. Extra arguments go to kavrel-grab (try --help).
 set -euo pipefail

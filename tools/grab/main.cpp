@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // kavrel-grab: a small host program. It drives the Main and the Slaver camera
 // through the exported KavrelInterface only, as any host would, grabs frames,
 // writes the first and the last of each camera as PNG files and prints what it
@@ -11,8 +12,10 @@
 #include <QTextStream>
 
 #include <cstdio>
+#include <tuple>
 
 #include "api/interface.h"
+#include "toolsupport.h"
 
 namespace {
 
@@ -51,9 +54,24 @@ const Camera kSlaver = {"Slaver", &KavrelInterface::setConfigStringSlaver, &Kavr
 
 QImage toImage(const unsigned char* pImage, int nWidth, int nBytesPerLine, int nHeight)
 {
-    const QImage::Format eFormat = nBytesPerLine >= 3 * nWidth ? QImage::Format_BGR888 : QImage::Format_Grayscale8;
+    const QImage::Format eFormat =
+        kavreltool::isColourImage(nWidth, nBytesPerLine) ? QImage::Format_BGR888 : QImage::Format_Grayscale8;
     // Deep copy: the buffer goes back to the library right after.
     return QImage(pImage, nWidth, nHeight, nBytesPerLine, eFormat).copy();
+}
+
+// Why requests may come back empty, as far as the configuration tells.
+void explainMissingFrames(QTextStream& out, const char* szName, const QString& strConfig, bool bTrigger)
+{
+    const QString strTrigger = kavreltool::triggerType(strConfig);
+    if (strTrigger == "soft" && !bTrigger)
+        out << szName << ": the camera is in software-trigger mode (<TriggerType>soft</TriggerType>): it makes a "
+            << "frame only when triggered; add --trigger\n";
+    else if (strTrigger == "Hard")
+        out << szName << ": the camera is in hardware-trigger mode (<TriggerType>Hard</TriggerType>): it makes a "
+            << "frame only on a trigger at its input\n";
+    else
+        out << szName << ": a longer --timeout may help if the camera is slow to deliver\n";
 }
 
 bool grab(QTextStream& out, const Camera& cam, QByteArray config, int nFrames, int nTimeout, bool bTrigger,
@@ -68,6 +86,7 @@ bool grab(QTextStream& out, const Camera& cam, QByteArray config, int nFrames, i
     }
 
     int nGot = 0;
+    int nRequests = 0;
     int nWidth = 0;
     int nBytesPerLine = 0;
     int nHeight = 0;
@@ -85,6 +104,7 @@ bool grab(QTextStream& out, const Camera& cam, QByteArray config, int nFrames, i
         cRequest.start();
         unsigned char* pImage = (api->*cam.request)(&nWidth, &nBytesPerLine, &nHeight, nTimeout);
         nRequestNs += cRequest.nsecsElapsed();
+        ++nRequests;
         if (!pImage)
             continue;
         ++nGot;
@@ -98,9 +118,23 @@ bool grab(QTextStream& out, const Camera& cam, QByteArray config, int nFrames, i
     (api->*cam.stop)();
     (api->*cam.disconnect)();
 
-    const char* szFormat = nBytesPerLine >= 3 * nWidth ? "24-bit colour (3 bytes per pixel)" : "8-bit grey";
+    if (nGot == 0 && nRequests == 0)
+        return false;   // the trigger failed, and said so
+    if (nGot == 0) {
+        out << cam.name << ": 0 of " << nFrames << " frames: no frame came within the time-out of " << nTimeout
+            << " ms\n";
+        explainMissingFrames(out, cam.name, QString::fromLocal8Bit(config), bTrigger);
+        return false;
+    }
+    const char* szFormat = kavreltool::isColourImage(nWidth, nBytesPerLine) ? "24-bit colour (3 bytes per pixel)"
+                                                                            : "8-bit grey";
     out << cam.name << ": " << nGot << " of " << nFrames << " frames, " << nWidth << " x " << nHeight << ", "
         << nBytesPerLine << " bytes per line, " << szFormat << "\n";
+    if (nGot < nRequests) {
+        out << cam.name << ": " << (nRequests - nGot) << " requests got no frame within the time-out of " << nTimeout
+            << " ms\n";
+        explainMissingFrames(out, cam.name, QString::fromLocal8Bit(config), bTrigger);
+    }
     out << QString::asprintf("%s: %.1f frames per second, %.3f ms per request\n", cam.name,
                              dSeconds > 0 ? nGot / dSeconds : 0.0, nFrames ? nRequestNs / 1e6 / nFrames : 0.0);
     for (const auto& [cImage, strWhich] : {std::pair<QImage, QString>(cFirst, "first"), {cLast, "last"}}) {
@@ -115,32 +149,75 @@ bool grab(QTextStream& out, const Camera& cam, QByteArray config, int nFrames, i
     return nGot > 0;
 }
 
+// Help texts with the defaults, the configuration syntax and the environment:
+// what QCommandLineParser prints, then what it has no place for.
+QString helpText(const QCommandLineParser& parser)
+{
+    return parser.helpText() + "\nDefaults:\n  Main camera: " + kavreltool::describeConfig(kDefaultMain) +
+           ".\n  Slaver camera: " + kavreltool::describeConfig(kDefaultSlaver) + ".\n\n" +
+           kavreltool::configSyntaxHelp() + "\n" + kavreltool::simulatorEnvironmentHelp() +
+           "\nExit status: 0 when both cameras delivered frames, 1 when one did not, 2 for a usage error.\n";
+}
+
+int usageError(const QString& strMessage)
+{
+    std::fprintf(stderr, "kavrel-grab: %s (try --help)\n", qPrintable(strMessage));
+    return 2;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName("kavrel-grab");
+    QCoreApplication::setApplicationVersion(KAVREL_VERSION);
 
     QCommandLineParser parser;
-    parser.setApplicationDescription("Grabs frames from the Main and the Slaver camera and writes them as PNG files.");
-    parser.addHelpOption();
-    QCommandLineOption optFrames({"n", "frames"}, "Frames to grab per camera.", "count", "30");
-    QCommandLineOption optOut({"o", "output"}, "Directory for the PNG files.", "dir", ".");
-    QCommandLineOption optTimeout("timeout", "Time-out of one request in milliseconds.", "ms", "1000");
-    QCommandLineOption optMain("main", "Configuration string of the Main camera.", "config", kDefaultMain);
-    QCommandLineOption optSlaver("slaver", "Configuration string of the Slaver camera.", "config", kDefaultSlaver);
-    QCommandLineOption optTrigger("trigger", "Fire a software trigger before each request.");
-    parser.addOptions({optFrames, optOut, optTimeout, optMain, optSlaver, optTrigger});
-    parser.process(app);
+    parser.setApplicationDescription(
+        "Grabs frames from the Main and the Slaver camera through libKavrel, as a host program would,\n"
+        "and writes the first and the last frame of each as PNG files.");
+    const QCommandLineOption optHelp({"h", "help"}, "Show this help and exit.");
+    const QCommandLineOption optVersion("version", "Show the version and exit.");
+    const QCommandLineOption optFrames({"n", "frames"}, "Frames to grab per camera (default 30).", "count", "30");
+    const QCommandLineOption optOut({"o", "output"}, "Directory for the PNG files (default: the current one).", "dir",
+                                    ".");
+    const QCommandLineOption optTimeout("timeout", "Time-out of one request in milliseconds (default 1000).", "ms",
+                                        "1000");
+    const QCommandLineOption optMain("main", "Configuration string of the Main camera, over the default below.",
+                                     "config");
+    const QCommandLineOption optSlaver("slaver", "Configuration string of the Slaver camera, over the default below.",
+                                       "config");
+    const QCommandLineOption optAsGiven("as-given",
+                                        "Use --main and --slaver as they are, without the defaults of what they "
+                                        "leave out.");
+    const QCommandLineOption optPrint("print-config",
+                                      "Print the configuration strings the cameras get, then exit.");
+    const QCommandLineOption optTrigger("trigger",
+                                        "Fire a software trigger before each request (needed in software-trigger "
+                                        "mode).");
+    parser.addOptions({optHelp, optVersion, optFrames, optOut, optTimeout, optMain, optSlaver, optAsGiven, optPrint, optTrigger});
+    if (!parser.parse(QCoreApplication::arguments()))
+        return usageError(parser.errorText());
+    if (parser.isSet(optHelp)) {
+        std::fputs(qPrintable(helpText(parser)), stdout);
+        return 0;
+    }
+    if (parser.isSet(optVersion)) {
+        std::printf("kavrel-grab %s\n", KAVREL_VERSION);
+        return 0;
+    }
+    if (!parser.positionalArguments().isEmpty())
+        return usageError("unexpected argument " + parser.positionalArguments().first());
 
     bool bOk = false;
     const int nFrames = parser.value(optFrames).toInt(&bOk);
-    if (!bOk || nFrames < 1) {
-        std::fprintf(stderr, "kavrel-grab: --frames needs a positive number\n");
-        return 2;
-    }
-    const int nTimeout = parser.value(optTimeout).toInt();
+    if (!bOk || nFrames < 1)
+        return usageError("--frames needs a whole number of at least 1, not \"" + parser.value(optFrames) + "\"");
+    const int nTimeout = parser.value(optTimeout).toInt(&bOk);
+    if (!bOk || nTimeout < 0)
+        return usageError("--timeout needs a whole number of milliseconds, 0 or more, not \"" +
+                          parser.value(optTimeout) + "\"");
     const QString strOutDir = parser.value(optOut);
     if (!QDir().mkpath(strOutDir)) {
         std::fprintf(stderr, "kavrel-grab: cannot create %s\n", qPrintable(strOutDir));
@@ -148,10 +225,21 @@ int main(int argc, char** argv)
     }
 
     QTextStream out(stdout);
-    const bool bMain = grab(out, kMain, parser.value(optMain).toLocal8Bit(), nFrames, nTimeout,
-                            parser.isSet(optTrigger), strOutDir);
-    const bool bSlaver = grab(out, kSlaver, parser.value(optSlaver).toLocal8Bit(), nFrames, nTimeout,
-                              parser.isSet(optTrigger), strOutDir);
+    bool bAllGood = true;
+    for (const auto& [pCam, pOpt, szDefault] : {std::make_tuple(&kMain, &optMain, kDefaultMain),
+                                                std::make_tuple(&kSlaver, &optSlaver, kDefaultSlaver)}) {
+        QString strConfig = parser.isSet(*pOpt) ? parser.value(*pOpt) : QString::fromLatin1(szDefault);
+        if (!parser.isSet(optAsGiven))
+            strConfig = kavreltool::mergeConfig(QString::fromLatin1(szDefault), strConfig);
+        if (parser.isSet(optPrint)) {
+            out << pCam->name << ": " << strConfig << "\n";
+            continue;
+        }
+        for (const QString& strWarning : kavreltool::pictureWarnings(strConfig))
+            out << pCam->name << ": warning: " << strWarning << "\n";
+        if (!grab(out, *pCam, strConfig.toLocal8Bit(), nFrames, nTimeout, parser.isSet(optTrigger), strOutDir))
+            bAllGood = false;
+    }
     out.flush();
-    return bMain && bSlaver ? 0 : 1;
+    return bAllGood ? 0 : 1;
 }

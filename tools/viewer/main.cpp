@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // kavrel-viewer: shows the Main and the Slaver camera side by side and opens the
 // configuration dialog of either through the exported KavrelInterface, as a host
 // would. The dialog's result can be adopted with setConfigString... and a
@@ -14,6 +15,7 @@
 
 #include <cstdio>
 
+#include "toolsupport.h"
 #include "viewerwindow.h"
 
 namespace {
@@ -30,12 +32,24 @@ QStringList translationDirs()
 bool loadTranslation(QTranslator& cTranslator, const QString& strLang)
 {
     for (const QString& strDir : translationDirs()) {
-        const bool bLoaded = strLang.isEmpty() ? cTranslator.load(QLocale(), "kavrel", "_", strDir)
-                                               : cTranslator.load("kavrel_" + strLang, strDir);
-        if (bLoaded)
+        if (cTranslator.load("kavrel_" + strLang, strDir))
             return true;
     }
     return false;
+}
+
+QString helpText(const QCommandLineParser& parser)
+{
+    return parser.helpText() + "\nDefaults:\n  Main camera: " + kavreltool::describeConfig(gszViewerDefaultMain) +
+           ".\n  Slaver camera: " + kavreltool::describeConfig(gszViewerDefaultSlaver) + ".\n\n" +
+           kavreltool::configSyntaxHelp() + "\n" +
+           "Language:\n"
+           "  The configuration dialog's own texts are Chinese; they need a CJK font\n"
+           "  (fonts-wqy-microhei or fonts-noto-cjk), or every label is an empty box.\n"
+           "  Without --lang the dialog is Chinese where the locale's language is\n"
+           "  Chinese, and English everywhere else.\n\n" +
+           kavreltool::simulatorEnvironmentHelp() +
+           "  Without a display, run it under xvfb-run, or with QT_QPA_PLATFORM=offscreen.\n";
 }
 
 // --screenshots: grabs the viewer (viewer.png), then opens the Main camera's dialog, opens
@@ -68,44 +82,92 @@ void scheduleScreenshots(ViewerWindow* pWindow, const QString& strDir)
 int main(int argc, char** argv)
 {
     QCommandLineParser parser;
-    parser.setApplicationDescription("Shows both cameras live and opens their configuration dialogs.");
-    parser.addHelpOption();
-    QCommandLineOption optMain("main", "Configuration string of the Main camera.", "config", gszViewerDefaultMain);
-    QCommandLineOption optSlaver("slaver", "Configuration string of the Slaver camera.", "config",
-                                 gszViewerDefaultSlaver);
-    QCommandLineOption optLang("lang",
-                               "Language of the configuration dialog: a translation such as \"en\", or \"zh\" "
-                               "for the dialog's own texts. Default: the system locale.",
-                               "code");
-    QCommandLineOption optScreenshots("screenshots", "Write viewer.png and config-dialog.png into <dir>, then quit.",
-                                      "dir");
-    parser.addOptions({optMain, optSlaver, optLang, optScreenshots});
+    parser.setApplicationDescription(
+        "Shows the Main and the Slaver camera live through libKavrel and opens their configuration dialogs,\n"
+        "as a host program would.");
+    const QCommandLineOption optHelp({"h", "help"}, "Show this help and exit.");
+    const QCommandLineOption optVersion("version", "Show the version and exit.");
+    const QCommandLineOption optMain("main", "Configuration string of the Main camera, over the default below.",
+                                     "config");
+    const QCommandLineOption optSlaver("slaver", "Configuration string of the Slaver camera, over the default below.",
+                                       "config");
+    const QCommandLineOption optAsGiven("as-given",
+                                        "Use --main and --slaver as they are, without the defaults of what they "
+                                        "leave out.");
+    const QCommandLineOption optPrint("print-config",
+                                      "Print the configuration strings the cameras get, then exit.");
+    const QCommandLineOption optLang("lang",
+                                     "Language of the configuration dialog: \"en\" (English), or \"zh\" for its "
+                                     "own Chinese texts. Default: zh where the locale is Chinese, else en.",
+                                     "code");
+    const QCommandLineOption optScreenshots("screenshots", "Write viewer.png and config-dialog.png into <dir>, then quit.",
+                                            "dir");
+    parser.addOptions({optHelp, optVersion, optMain, optSlaver, optAsGiven, optPrint, optLang, optScreenshots});
 
-    // Help needs no display: answer it with a core application alone.
+    // The configuration each camera gets: the option's text merged over the default.
+    const QCommandLineOption* apOptions[2] = {&optMain, &optSlaver};
+    const char* const aszDefaults[2] = {gszViewerDefaultMain, gszViewerDefaultSlaver};
+    auto effectiveConfig = [&](int i) {
+        const QString strGiven = parser.isSet(*apOptions[i]) ? parser.value(*apOptions[i]) : aszDefaults[i];
+        return parser.isSet(optAsGiven) ? strGiven : kavreltool::mergeConfig(aszDefaults[i], strGiven);
+    };
+
+    // Help, version and --print-config need no display: answer them with a
+    // core application alone. (Everything else waits for QApplication, which
+    // takes its own options such as -platform out of the arguments first.)
     for (int i = 1; i < argc; ++i) {
         const QByteArray cArg(argv[i]);
-        if (cArg == "-h" || cArg == "--help" || cArg == "--help-all" || cArg == "-?") {
+        if (cArg == "-h" || cArg == "--help" || cArg == "--version" || cArg == "--print-config") {
             QCoreApplication cCore(argc, argv);
-            QCoreApplication::setApplicationName("kavrel-viewer");
-            parser.process(cCore);   // prints the help and exits
+            const bool bParsed = parser.parse(QCoreApplication::arguments());
+            if (cArg == "--version") {
+                std::printf("kavrel-viewer %s\n", KAVREL_VERSION);
+            } else if (cArg == "--print-config" && bParsed) {
+                std::printf("Main: %s\nSlaver: %s\n", qPrintable(effectiveConfig(0)), qPrintable(effectiveConfig(1)));
+            } else if (cArg == "--print-config") {
+                std::fprintf(stderr, "kavrel-viewer: %s (try --help)\n", qPrintable(parser.errorText()));
+                return 2;
+            } else {
+                std::fputs(qPrintable(helpText(parser)), stdout);
+            }
+            return 0;
         }
     }
 
     QApplication app(argc, argv);
     QCoreApplication::setApplicationName("kavrel-viewer");
-    parser.process(app);
+    QCoreApplication::setApplicationVersion(KAVREL_VERSION);
+    if (!parser.parse(QCoreApplication::arguments())) {
+        std::fprintf(stderr, "kavrel-viewer: %s (try --help)\n", qPrintable(parser.errorText()));
+        return 2;
+    }
+    if (!parser.positionalArguments().isEmpty()) {
+        std::fprintf(stderr, "kavrel-viewer: unexpected argument %s (try --help)\n",
+                     qPrintable(parser.positionalArguments().first()));
+        return 2;
+    }
 
     QTranslator cTranslator;
-    const QString strLang = parser.value(optLang);
+    const QString strLang =
+        parser.isSet(optLang) ? parser.value(optLang) : kavreltool::defaultDialogLanguage(QLocale());
     if (strLang != "zh") {
         if (loadTranslation(cTranslator, strLang))
             QCoreApplication::installTranslator(&cTranslator);
-        else if (!strLang.isEmpty())
-            std::fprintf(stderr, "kavrel-viewer: no translation \"%s\"; the dialog keeps its own texts\n",
+        else
+            std::fprintf(stderr, "kavrel-viewer: no translation \"%s\"; the dialog keeps its own (Chinese) texts\n",
                          qPrintable(strLang));
     }
 
-    ViewerWindow cWindow(parser.value(optMain).toLocal8Bit(), parser.value(optSlaver).toLocal8Bit());
+    QByteArray aConfigs[2];
+    for (int i = 0; i < 2; ++i) {
+        const QString strConfig = effectiveConfig(i);
+        for (const QString& strWarning : kavreltool::pictureWarnings(strConfig))
+            std::fprintf(stderr, "kavrel-viewer: %s: warning: %s\n", i == 0 ? "Main" : "Slaver",
+                         qPrintable(strWarning));
+        aConfigs[i] = strConfig.toLocal8Bit();
+    }
+
+    ViewerWindow cWindow(aConfigs[0], aConfigs[1]);
     cWindow.show();
     cWindow.startAll();
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 #include "viewerwindow.h"
 
 #include <QHBoxLayout>
@@ -9,6 +10,7 @@
 #include <QVBoxLayout>
 
 #include "api/interface.h"
+#include "toolsupport.h"
 
 // Both cameras of the simulated SDK share one sensor window, so both defaults
 // ask for the same image size: Main in colour, Slaver in grey.
@@ -164,7 +166,13 @@ bool CameraPanel::startCamera()
         m_pApi->disconnectSlaver();
         bOk = m_pApi->connectSlaver() && m_pApi->startSlaver();
     }
-    setStatus(bOk ? QString("started") : QString("failed: %1").arg(QString::fromUtf8(m_pApi->getLastError())));
+    // Settings that give no picture are the library's designed behaviour; say so
+    // rather than show black or white panels without a word.
+    const QStringList cWarnings = kavreltool::pictureWarnings(configText());
+    if (!bOk)
+        setStatus(QString("failed: %1").arg(QString::fromUtf8(m_pApi->getLastError())));
+    else
+        setStatus(cWarnings.isEmpty() ? QString("started") : "started; warning: " + cWarnings.join("; "));
     m_nFramesThisSecond = 0;
     m_dFps = 0.0;
     m_cFpsClock.start();
@@ -203,7 +211,8 @@ void CameraPanel::poll(int nTimeoutMs)
     if (pImage == nullptr)
         return;
     // Colour frames come in B, G, R order; copy before the buffer goes back.
-    const QImage::Format eFormat = nBytesPerLine >= 3 * nWidth ? QImage::Format_BGR888 : QImage::Format_Grayscale8;
+    const QImage::Format eFormat =
+        kavreltool::isColourImage(nWidth, nBytesPerLine) ? QImage::Format_BGR888 : QImage::Format_Grayscale8;
     const QImage cImage = QImage(pImage, nWidth, nHeight, nBytesPerLine, eFormat).copy();
     if (m_eWhich == Main)
         m_pApi->releaseImageMain(pImage);

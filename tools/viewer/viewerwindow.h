@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 #ifndef KAVREL_TOOLS_VIEWER_VIEWERWINDOW_H
 #define KAVREL_TOOLS_VIEWER_VIEWERWINDOW_H
 
