@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 #ifndef KAVREL_API_INTERFACE_H
 #define KAVREL_API_INTERFACE_H
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 #ifndef KAVREL_CAMERA_CCDWEBCAM_H
 #define KAVREL_CAMERA_CCDWEBCAM_H
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // AVX2 kernels (this file is compiled with -mavx2 and only called when the
 // processor has it).
 //

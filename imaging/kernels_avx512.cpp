@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Table lookups with AVX-512 VBMI (compiled with -mavx512bw -mavx512dq
 // -mavx512vbmi, only called when the processor has all three): two 128-byte
 // permutes and a blend replace the 31-step AVX2 lookup. When the processor

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // NEON kernels, compiled in when the target has NEON (__ARM_NEON). Clamped
 // YUV colour and the greys of bytes are exact integer quotients in 16-bit
 // lanes; YUV to grey truncates its unclamped channels in single precision

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Portable kernels: the baseline on every processor (SSE2 code on x86-64, VFP
 // on ARM without NEON) and the row ends of the SIMD sets.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Simulated camera: stands in for the vendor's libtorvane.so so that the
 // library, its hosts and its tests run without hardware.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 /*
  * Controls of the simulated camera, the stand-in for libtorvane.so.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Test programs that need a Qt application (widgets run on the offscreen
 // platform, which needs no display).
 #include <QApplication>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Linked into the test programs of a ThreadSanitizer build only.
 //
 // Qt is not built with ThreadSanitizer, so it cannot see a QMutex hand the

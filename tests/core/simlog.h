@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Small helpers over the simulated camera's call log.
 #ifndef KAVREL_TESTS_SIMLOG_H
 #define KAVREL_TESTS_SIMLOG_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // The exported API: configuration strings, the acquisition operations and the
 // image hand-over. The shared text buffer is covered by tests/reliability, the
 // configuration window entered from here by tests/dialog.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // The settings text and the tag search that every reader of tagged text uses.
 // Hostile texts (huge, broken, numbers beyond their types) are in tests/reliability.
 

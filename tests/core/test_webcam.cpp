@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // The camera driver over the simulated SDK: lifecycle, the frame transfer into
 // each pixel format with gamma, and settings and region. Injected SDK failures
 // (init results, window sizes, time-outs, odd pixel sizes) are in the fault

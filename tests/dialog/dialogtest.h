@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Shared helpers of the dialog tests: a clean simulated camera per test, and
 // widgets found, read, clicked and typed into by object name.
 #ifndef KAVREL_TESTS_DIALOG_DIALOGTEST_H

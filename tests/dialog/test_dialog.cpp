@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // The dialog's behaviour over the simulated camera: loading a configuration
 // string, OK, Cancel and close, open and close, the region edits, the preview,
 // the automatic white balance, and the dialog entered from the API.

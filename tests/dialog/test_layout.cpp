@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // The dialog as built from its Designer file: initial states, and the
 // generated retranslation with the English translation shipped with it.
 

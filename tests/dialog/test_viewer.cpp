@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // The viewer program's window, driven through its buttons: both cameras live,
 // the dialog for a panel, and adopting its result.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // The configuration string reader: any bytes as a host's configuration
 // string. It must parse without fault and hand the text back unchanged as
 // UTF-8 through the shared text buffer.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // The pixel format conversions on fuzzer-chosen geometry and pixels. Every
 // buffer is allocated to exactly the size its layout gives, so any access
 // past it is caught; destination rows' padding must stay untouched.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // The settings text reader, with a property: whatever record a text gives,
 // writing it and reading the writing back gives the same text again.
 

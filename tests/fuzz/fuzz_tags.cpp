@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Tag extraction: getBody and getAndRemoveBody on fuzzer-chosen texts and
 // tags. The first two bytes give the lengths of the open and close tag taken
 // from the front of the input; the rest is the text.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Shared by the fuzz targets: a fixed local 8-bit encoding, and a failure
 // that libFuzzer reports with the input that caused it.
 #ifndef KAVREL_TESTS_FUZZSUPPORT_H

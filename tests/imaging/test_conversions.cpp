@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // GlobalFunction's conversions: the image walk (strides, padding left alone,
 // pairs split across rows, odd sizes, degenerate sizes) against the scalar
 // reference, and the worked values that pin the reference to the rules.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Every kernel set this processor can run, against the scalar reference on the
 // whole input domain: all 2^24 (Y, U, V) and (b, g, r) combinations, every
 // byte through every table, row lengths around the vector widths.

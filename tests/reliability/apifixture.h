@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // What the reliability tests share: a look inside KavrelInterface, a fixture
 // over the singleton and the simulated camera, and image checks against the
 // simulated camera's own rendering.

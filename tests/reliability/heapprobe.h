@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Counts heap allocations of the whole process, for tests that prove a path
 // allocates nothing and that repeated cycles give back what they take.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Host threads requesting, releasing, triggering and reconfiguring both
 // cameras at full speed over the one simulated camera.
 //

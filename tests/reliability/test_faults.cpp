@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Fault matrix: every failure the simulated camera can inject, driven through
 // the host API. Each case checks the result, the message and the state the
 // camera is left in; that the camera delivers whole frames again once the SDK

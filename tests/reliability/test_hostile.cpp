@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Hostile input: frames whose byte counts leave the int range, conversions
 // asked for impossible sizes, and texts that are huge, broken, deeply
 // repeated, cut by a NUL or full of numbers beyond their types.

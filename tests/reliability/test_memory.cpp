@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Memory: handing images over allocates nothing once the buffers have their
 // size, and whole connect/start/stop/disconnect cycles of Main and Slaver, who
 // share one SDK camera, give back all they take.

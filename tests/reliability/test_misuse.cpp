@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Mistakes real hosts make: releasing twice or from the wrong thread,
 // requesting again before releasing, destroying the registry under a waiting
 // request, asking for texts on two threads at once. Each is harmless or

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // Returns from main while four threads keep fetching small frames from the
 // simulated camera as fast as it makes them, so that some of them are inside
 // the camera while the process tears its statics down.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-2.1-or-later
 // The simulated camera is what every other test stands on: only the behaviour
 // those tests rely on is checked here.
 
