@@ -40,3 +40,6 @@ stage "Fuzz targets: a fixed number of runs each over the seed corpus"
 
 stage "armhf cross build: baseline and NEON, every test under qemu-arm"
 "$root/scripts/cross-armhf.sh" --both
+
+stage "V4L2 camera against the kernel's virtual camera (vivid, under qemu-system-x86_64)"
+"$root/scripts/vivid-test.sh" "$root/build/release"

@@ -10,6 +10,8 @@
 #include <chrono>
 #include <climits>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace torvane_v4l2 {
@@ -28,12 +30,14 @@ const struct {
     std::uint32_t nFourcc;
     int nCost;
 } kFormats[] = {
-    {V4L2_PIX_FMT_BGR24, 0},   {V4L2_PIX_FMT_GREY, 0},    {V4L2_PIX_FMT_RGB24, 1},
+    {V4L2_PIX_FMT_BGR24, 0},   {V4L2_PIX_FMT_RGB24, 1},
     {V4L2_PIX_FMT_YUYV, 2},    {V4L2_PIX_FMT_UYVY, 2},    {V4L2_PIX_FMT_YVYU, 3},
     {V4L2_PIX_FMT_NV12, 3},    {V4L2_PIX_FMT_YUV420, 3},  {V4L2_PIX_FMT_YVU420, 3},
     {V4L2_PIX_FMT_RGB565, 3},  {V4L2_PIX_FMT_SBGGR8, 4},  {V4L2_PIX_FMT_SGBRG8, 4},
     {V4L2_PIX_FMT_SGRBG8, 4},  {V4L2_PIX_FMT_SRGGB8, 4},  {V4L2_PIX_FMT_MJPEG, 5},
     {V4L2_PIX_FMT_JPEG, 5},
+    // Grey only from a device that has no colour format (or when asked for).
+    {V4L2_PIX_FMT_GREY, 6},
 };
 
 int costOf(std::uint32_t nFourcc)
@@ -83,6 +87,17 @@ libv4l_dev_ops convertOps()
 
 const libv4l_dev_ops kConvertOps = convertOps();
 
+// TORVANE_V4L2_DEBUG=1 reports why calls fail on standard error.
+void trace(const char* szWhat, int nError)
+{
+    static const bool s_bOn = [] {
+        const char* sz = std::getenv("TORVANE_V4L2_DEBUG");
+        return sz && *sz && std::strcmp(sz, "0") != 0;
+    }();
+    if (s_bOn)
+        std::fprintf(stderr, "torvane-v4l2: %s: %s\n", szWhat, std::strerror(nError));
+}
+
 int openErrorCode(int nError)
 {
     return nError == EBUSY || nError == EACCES || nError == EPERM ? 2 : 3;
@@ -129,6 +144,8 @@ int V4l2Camera::init(int nCamera)
     const int nResult = open();
     if (nResult == 0)
         ++m_nOpenCount;
+    else
+        trace(("camera_init answers " + std::to_string(nResult)).c_str(), errno);
     return nResult;
 }
 
@@ -165,6 +182,7 @@ int V4l2Camera::open()
     for (const std::string& strPath : cCandidates) {
         m_fd = m_pIo->open(strPath);
         if (m_fd < 0) {
+            trace(strPath.c_str(), errno);
             if (!m_cSettings.strDevice.empty())
                 return openErrorCode(errno);
             continue;
@@ -269,6 +287,7 @@ void V4l2Camera::close()
 
 void V4l2Camera::lose()
 {
+    trace("device lost", errno);
     // The device is gone: keep the open count, so that camera_free still
     // balances, but nothing works until camera_init opens it again.
     close();
@@ -419,6 +438,7 @@ unsigned char* V4l2Camera::frame(int* pnWidth, int* pnHeight, int* pnBytesPerPix
                 return nullptr;
             }
             if (errno != EAGAIN || bPollError) {
+                trace("dequeueing a frame", errno);
                 stopStream(); // started again by the next request
                 return nullptr;
             }

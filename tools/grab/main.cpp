@@ -13,6 +13,7 @@
 #include <cstdio>
 
 #include "api/interface.h"
+#include "tools/common/camerachoice.h"
 
 namespace {
 
@@ -119,6 +120,7 @@ bool grab(QTextStream& out, const Camera& cam, QByteArray config, int nFrames, i
 
 int main(int argc, char** argv)
 {
+    kavrel_tools::chooseCamera(argc, argv);
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName("kavrel-grab");
 
@@ -132,6 +134,7 @@ int main(int argc, char** argv)
     QCommandLineOption optSlaver("slaver", "Configuration string of the Slaver camera.", "config", kDefaultSlaver);
     QCommandLineOption optTrigger("trigger", "Fire a software trigger before each request.");
     parser.addOptions({optFrames, optOut, optTimeout, optMain, optSlaver, optTrigger});
+    parser.addOptions(kavrel_tools::cameraOptions());
     parser.process(app);
 
     bool bOk = false;

@@ -14,6 +14,7 @@
 
 #include <cstdio>
 
+#include "tools/common/camerachoice.h"
 #include "viewerwindow.h"
 
 namespace {
@@ -67,6 +68,7 @@ void scheduleScreenshots(ViewerWindow* pWindow, const QString& strDir)
 
 int main(int argc, char** argv)
 {
+    kavrel_tools::chooseCamera(argc, argv);
     QCommandLineParser parser;
     parser.setApplicationDescription("Shows both cameras live and opens their configuration dialogs.");
     parser.addHelpOption();
@@ -80,6 +82,7 @@ int main(int argc, char** argv)
     QCommandLineOption optScreenshots("screenshots", "Write viewer.png and config-dialog.png into <dir>, then quit.",
                                       "dir");
     parser.addOptions({optMain, optSlaver, optLang, optScreenshots});
+    parser.addOptions(kavrel_tools::cameraOptions());
 
     // Help needs no display: answer it with a core application alone.
     for (int i = 1; i < argc; ++i) {
