@@ -183,8 +183,8 @@ int V4l2Camera::open()
         m_fd = m_pIo->open(strPath);
         if (m_fd < 0) {
             trace(strPath.c_str(), errno);
-            if (!m_cSettings.strDevice.empty())
-                return openErrorCode(errno);
+            // A node we may not open (or that is busy) may be the camera.
+            nResult = std::min(nResult, openErrorCode(errno));
             continue;
         }
         v4l2_capability cCap = {};
