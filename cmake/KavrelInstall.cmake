@@ -224,4 +224,5 @@ a private folder (lib/<arch>/kavrel/sim) where it never replaces the
 vendor's library. Programs use it with LD_LIBRARY_PATH set to that
 folder; the kavrel-tools programs find it by themselves.")
 
+include(${CMAKE_CURRENT_LIST_DIR}/KavrelV4l2Package.cmake)
 include(CPack)

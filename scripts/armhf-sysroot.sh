@@ -39,6 +39,7 @@ packages=(
   libgtest-dev
   libgmock-dev
   libbenchmark-dev
+  libv4l-dev
 )
 
 force=0

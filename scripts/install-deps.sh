@@ -7,7 +7,7 @@
 set -euo pipefail
 
 what=${1:-run}
-packages=(build-essential cmake pkg-config qtbase5-dev qttools5-dev qttools5-dev-tools)
+packages=(build-essential cmake pkg-config qtbase5-dev qttools5-dev qttools5-dev-tools libv4l-dev)
 if [ "$what" = test ]; then
   packages+=(libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-dev)
 fi

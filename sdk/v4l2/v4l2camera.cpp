@@ -87,15 +87,18 @@ libv4l_dev_ops convertOps()
 
 const libv4l_dev_ops kConvertOps = convertOps();
 
-// TORVANE_V4L2_DEBUG=1 reports why calls fail on standard error.
+// TORVANE_V4L2_DEBUG=1 reports why calls fail on standard error (with the
+// system's reason when nError is set).
 void trace(const char* szWhat, int nError)
 {
     static const bool s_bOn = [] {
         const char* sz = std::getenv("TORVANE_V4L2_DEBUG");
         return sz && *sz && std::strcmp(sz, "0") != 0;
     }();
-    if (s_bOn)
+    if (s_bOn && nError)
         std::fprintf(stderr, "torvane-v4l2: %s: %s\n", szWhat, std::strerror(nError));
+    else if (s_bOn)
+        std::fprintf(stderr, "torvane-v4l2: %s\n", szWhat);
 }
 
 int openErrorCode(int nError)
@@ -145,7 +148,7 @@ int V4l2Camera::init(int nCamera)
     if (nResult == 0)
         ++m_nOpenCount;
     else
-        trace(("camera_init answers " + std::to_string(nResult)).c_str(), errno);
+        trace(("camera_init answers " + std::to_string(nResult)).c_str(), 0);
     return nResult;
 }
 
