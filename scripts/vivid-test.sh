@@ -109,10 +109,13 @@ if [ ! -f "$build/CMakeCache.txt" ]; then
   log "configuring a Release build in $build"
   cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
 fi
-cmake --build "$build" -j"$jobs" --target torvane_v4l2 vivid_host kavrel-grab >/dev/null ||
+cmake --build "$build" -j"$jobs" --target torvane_v4l2 vivid_host kavrel-grab kavrel-viewer >/dev/null ||
   fail "cannot build the test programs in $build"
 v4l2dir=$build/sdk/v4l2
-programs=("$build/tests/vivid/vivid_host" "$build/tools/grab/kavrel-grab")
+programs=("$build/tests/vivid/vivid_host" "$build/tools/grab/kavrel-grab" "$build/tools/viewer/kavrel-viewer")
+# The viewer draws with Qt's offscreen platform and one font.
+qtplugin=$(qtpaths --plugin-dir 2>/dev/null || echo /usr/lib/x86_64-linux-gnu/qt5/plugins)/platforms/libqoffscreen.so
+font=/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf
 for f in "${programs[@]}" "$v4l2dir/libtorvane.so"; do
   [ -f "$f" ] || fail "$f was not built"
 done
@@ -123,7 +126,7 @@ trap 'rm -rf "$work"' EXIT
 rootfs=$work/root
 mkdir -p "$rootfs"/{bin,proc,sys,dev,tmp,vivid/modules}
 cp /bin/busybox "$rootfs/bin/busybox"
-for applet in sh mount insmod poweroff tar base64 mkdir cat echo ls sleep env stty; do
+for applet in sh mount insmod poweroff tar base64 mkdir cat echo ls sleep env stty timeout sed; do
   ln -s busybox "$rootfs/bin/$applet"
 done
 cp "$root/tests/vivid/init.sh" "$rootfs/init"
@@ -137,10 +140,12 @@ cp "$kdir"/modules/*.ko "$rootfs/vivid/modules/"
 # The programs and every library they load, at the same paths as here, so that
 # their RUNPATHs and kavrel-grab's --camera switch work unchanged.
 copy() { mkdir -p "$rootfs$(dirname "$1")" && cp -L "$1" "$rootfs$1"; }
-libs=$( { for p in "${programs[@]}" "$v4l2dir/libtorvane.so"; do
+extras=()
+[ -f "$qtplugin" ] && [ -f "$font" ] && extras=("$qtplugin" "$font" /etc/fonts/fonts.conf)
+libs=$( { for p in "${programs[@]}" "$v4l2dir/libtorvane.so" "${extras[@]:0:1}"; do
             ldd "$p"; LD_LIBRARY_PATH=$v4l2dir ldd "$p"
           done; } | awk '$2 == "=>" && $3 ~ /^\// {print $3} $1 ~ /^\// {print $1}' | sort -u)
-for f in "${programs[@]}" $libs "$v4l2dir/libtorvane.so"; do
+for f in "${programs[@]}" $libs "$v4l2dir/libtorvane.so" "${extras[@]}"; do
   copy "$f"
 done
 (cd "$rootfs" && find . | cpio -o -H newc --quiet | gzip -1) >"$work/initrd.gz"

@@ -48,6 +48,13 @@ if run "$KAVREL_BUILD/tools/grab/kavrel-grab" --camera v4l2 --device /dev/video0
 else
   echo "kavrel-grab failed"; failed=1
 fi
+# A picture of the viewer on vivid, for the documentation; not a check.
+viewer=$KAVREL_BUILD/tools/viewer/kavrel-viewer
+if [ -x "$viewer" ]; then
+  QT_QPA_PLATFORM=offscreen timeout 120 "$viewer" --camera v4l2 --device /dev/video0 \
+    --main "$main" --slaver "$(echo "$slaver" | sed 's/0,0,320,180/0,0,640,360/')" --screenshots /out/viewer >/dev/null 2>&1 ||
+    echo "kavrel-viewer did not finish; no picture of it"
+fi
 # Last, as it takes the device away.
 TORVANE_V4L2_DEVICE=/dev/video0 LD_LIBRARY_PATH=$KAVREL_V4L2_DIR TORVANE_V4L2_DEBUG=1 \
   run "$KAVREL_BUILD/tests/vivid/vivid_host" UNPLUG /vivid/golden.txt --unplug || failed=1
