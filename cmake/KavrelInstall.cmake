@@ -318,6 +318,8 @@ a private folder (lib/<arch>/kavrel/sim) where it never replaces the
 vendor's library. Programs use it with LD_LIBRARY_PATH set to that
 folder; the kavrel-tools programs find it by themselves.")
 
+include(${CMAKE_CURRENT_LIST_DIR}/KavrelV4l2Package.cmake)
+
 # Copyright file and changelog in share/doc/<package> of every package.
 set(KAVREL_COPYRIGHT_YEARS 2026)
 set(KAVREL_DEB_VERSION "${_kavrel_deb_version}")
@@ -328,7 +330,9 @@ execute_process(COMMAND gzip -9nc "${PROJECT_BINARY_DIR}/deb/changelog.Debian"
                 OUTPUT_FILE "${PROJECT_BINARY_DIR}/deb/changelog.Debian.gz" COMMAND_ERROR_IS_FATAL ANY)
 # These packages are not uploaded to Debian, so their first changelog entry
 # closes no "intent to package" bug; each says so in a lintian override.
-foreach(component IN ITEMS runtime dev tools sim)
+set(_kavrel_packaged ${CPACK_COMPONENTS_ALL})
+list(REMOVE_ITEM _kavrel_packaged Unspecified)
+foreach(component IN LISTS _kavrel_packaged)
   string(TOUPPER "${component}" _kavrel_upper)
   set(_kavrel_package "${CPACK_DEBIAN_${_kavrel_upper}_PACKAGE_NAME}")
   install(FILES "${PROJECT_BINARY_DIR}/deb/copyright" "${PROJECT_BINARY_DIR}/deb/changelog.Debian.gz"

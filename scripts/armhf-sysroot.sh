@@ -40,6 +40,7 @@ packages=(
   libgtest-dev
   libgmock-dev
   libbenchmark-dev
+  libv4l-dev
 )
 
 force=0

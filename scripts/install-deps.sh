@@ -11,7 +11,7 @@
 set -euo pipefail
 
 what=${1:-run}
-packages=(build-essential cmake pkg-config qtbase5-dev qttools5-dev qttools5-dev-tools)
+packages=(build-essential cmake pkg-config qtbase5-dev qttools5-dev qttools5-dev-tools libv4l-dev)
 case $what in
   run) ;;
   package) packages+=(help2man doxygen lintian) ;;

@@ -5,7 +5,8 @@
 # ThreadSanitizer, then a short run of every fuzz target over its corpus, then
 # the Debian packages (built, checked with lintian, installed, a host built
 # against them, removed again), then the armhf cross builds (baseline and NEON)
-# with every test under qemu-arm and lintian on the armhf packages.
+# with every test under qemu-arm and lintian on the armhf packages, then the
+# V4L2 camera against the kernel's virtual camera (vivid) under qemu.
 #
 # Usage: scripts/test.sh [--quick]
 #   --quick  the release build and its tests only (a minute or two)
@@ -71,3 +72,6 @@ fi
 
 stage "armhf cross build: baseline and NEON, every test under qemu-arm, lintian on the packages"
 "$root/scripts/cross-armhf.sh" --both --package
+
+stage "V4L2 camera against the kernel's virtual camera (vivid, under qemu-system-x86_64)"
+"$root/scripts/vivid-test.sh" "$root/build/release"

@@ -166,7 +166,9 @@ QString simulatorEnvironmentHelp()
            "    TORVANE_SIM_FPS     frames per second in video mode, 0 for a frame on\n"
            "                        every request (default 30)\n"
            "  LD_LIBRARY_PATH=/usr/lib makes the tools use the vendor's libtorvane.so\n"
-           "  while the simulated camera is installed.\n";
+           "  while the simulated camera is installed.\n"
+           "  The V4L2 camera (--camera v4l2) reads TORVANE_V4L2_DEVICE, _FPS, _FORMAT,\n"
+           "  _BUFFERS, _CONFIG and _DEBUG; see its documentation.\n";
 }
 
 } // namespace kavreltool

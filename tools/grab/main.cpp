@@ -15,6 +15,7 @@
 #include <tuple>
 
 #include "api/interface.h"
+#include "camerachoice.h"
 #include "toolsupport.h"
 
 namespace {
@@ -169,6 +170,7 @@ int usageError(const QString& strMessage)
 
 int main(int argc, char** argv)
 {
+    kavrel_tools::chooseCamera(argc, argv);
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName("kavrel-grab");
     QCoreApplication::setApplicationVersion(KAVREL_VERSION);
@@ -197,6 +199,7 @@ int main(int argc, char** argv)
                                         "Fire a software trigger before each request (needed in software-trigger "
                                         "mode).");
     parser.addOptions({optHelp, optVersion, optFrames, optOut, optTimeout, optMain, optSlaver, optAsGiven, optPrint, optTrigger});
+    parser.addOptions(kavrel_tools::cameraOptions());
     if (!parser.parse(QCoreApplication::arguments()))
         return usageError(parser.errorText());
     if (parser.isSet(optHelp)) {

@@ -15,6 +15,7 @@
 
 #include <cstdio>
 
+#include "camerachoice.h"
 #include "toolsupport.h"
 #include "viewerwindow.h"
 
@@ -81,6 +82,7 @@ void scheduleScreenshots(ViewerWindow* pWindow, const QString& strDir)
 
 int main(int argc, char** argv)
 {
+    kavrel_tools::chooseCamera(argc, argv);
     QCommandLineParser parser;
     parser.setApplicationDescription(
         "Shows the Main and the Slaver camera live through libKavrel and opens their configuration dialogs,\n"
@@ -103,6 +105,7 @@ int main(int argc, char** argv)
     const QCommandLineOption optScreenshots("screenshots", "Write viewer.png and config-dialog.png into <dir>, then quit.",
                                             "dir");
     parser.addOptions({optHelp, optVersion, optMain, optSlaver, optAsGiven, optPrint, optLang, optScreenshots});
+    parser.addOptions(kavrel_tools::cameraOptions());
 
     // The configuration each camera gets: the option's text merged over the default.
     const QCommandLineOption* apOptions[2] = {&optMain, &optSlaver};
