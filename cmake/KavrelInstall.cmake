@@ -38,10 +38,13 @@ set(KAVREL_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/Kavrel")
 install(TARGETS Kavrel
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
 
-# The public headers; sources include them as "api/interface.h" etc., so the
-# install keeps the subfolders under include/kavrel.
+# The host interface's headers, and only those: the internal ones (kernels,
+# SDK gate, text fields) stay in the source tree. Sources include them as
+# "api/interface.h" etc., so the install keeps the subfolders under
+# include/kavrel.
 set(KAVREL_PUBLIC_HEADERS
   api/interface.h
+  api/kavrelexport.h
   api/kavrel.h
   camera/ccdif.h
   camera/ccdwebcam.h
