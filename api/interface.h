@@ -5,6 +5,7 @@
 #include <QMutex>
 #include <QString>
 
+#include "api/kavrelexport.h"
 #include "camera/ccdif.h"
 
 /// @file
@@ -12,12 +13,12 @@
 
 /// The one text buffer behind every char* result of the API (UTF-8, owned by the
 /// library, overwritten by the next text result; it grows and is never freed).
-extern char* gszConfigString;
+extern KAVREL_EXPORT char* gszConfigString;
 /// The capacity of gszConfigString in bytes (1024 at first; it only grows).
-extern int gnConfigStringLen;
+extern KAVREL_EXPORT int gnConfigStringLen;
 
 /// Copies str as UTF-8 into gszConfigString, growing it when needed, and returns it.
-char* transConfigString(QString str);
+KAVREL_EXPORT char* transConfigString(QString str);
 
 /// The library's exported entry point, one per process. Every camera operation
 /// exists twice: Main for the first camera, Slaver for the second.
@@ -29,7 +30,7 @@ char* transConfigString(QString str);
 /// where they say so, leave an English text for getLastError(). Configuration,
 /// connect, start, stop, click and disconnect of one camera and all text results
 /// need the host to serialise them; image requests may come from any thread.
-class KavrelInterface
+class KAVREL_EXPORT KavrelInterface
 {
 public:
     /// Use getInstance(); the library never destroys the instance.

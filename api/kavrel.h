@@ -5,6 +5,8 @@
 #include <QMutex>
 #include <QObject>
 
+#include "api/kavrelexport.h"
+
 class CCDWebCam;
 
 /// @file
@@ -12,7 +14,7 @@ class CCDWebCam;
 
 /// The camera registry: owns the Main and the Slaver camera and forwards their
 /// image signal. Every API operation looks its camera up here anew.
-class Kavrel : public QObject
+class KAVREL_EXPORT Kavrel : public QObject
 {
     Q_OBJECT
 public:

@@ -6,10 +6,12 @@
 #include <QObject>
 #include <QString>
 
+#include "api/kavrelexport.h"
+
 // The abstract camera. Holds what every camera has (an image number and the
 // text of the last failure) and declares the camera operations. Failures are
 // told by results; the reason is only ever read with getLastError().
-class CCDIF : public QObject
+class KAVREL_EXPORT CCDIF : public QObject
 {
     Q_OBJECT
 public:

@@ -2,13 +2,14 @@
 #ifndef KAVREL_CAMERA_CCDWEBCAM_H
 #define KAVREL_CAMERA_CCDWEBCAM_H
 
+#include "api/kavrelexport.h"
 #include "camera/ccdif.h"
 
 // The camera driver over the vendor SDK (libtorvane.so). Every SDK call names
 // camera 0; the SDK keeps its own state, the driver keeps no handle.
 // Acquisition is pulled: waitNewImage takes the next frame, getImageInfo and
 // copyImage hand it out.
-class CCDWebCam : public CCDIF
+class KAVREL_EXPORT CCDWebCam : public CCDIF
 {
     Q_OBJECT
 public:

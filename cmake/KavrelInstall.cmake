@@ -38,10 +38,13 @@ set(KAVREL_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/Kavrel")
 install(TARGETS Kavrel
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
 
-# The public headers; sources include them as "api/interface.h" etc., so the
-# install keeps the subfolders under include/kavrel.
+# The host interface's headers, and only those: the internal ones (kernels,
+# SDK gate, text fields) stay in the source tree. Sources include them as
+# "api/interface.h" etc., so the install keeps the subfolders under
+# include/kavrel.
 set(KAVREL_PUBLIC_HEADERS
   api/interface.h
+  api/kavrelexport.h
   api/kavrel.h
   camera/ccdif.h
   camera/ccdwebcam.h
@@ -103,57 +106,9 @@ if(KAVREL_HAVE_SIMULATOR AND TARGET torvane)
 endif()
 
 # --- tools -----------------------------------------------------------------------
-# kavrel_install_tool(<target>): installs a host program into bindir (package
-# kavrel-tools). Its RUNPATH holds the simulated camera's folder, then libdir
-# (for prefixes the loader does not search). A RUNPATH only serves the
-# program's own DT_NEEDED entries, so the program also links libtorvane.so
-# directly: the loader then finds it through the program's RUNPATH before
-# libKavrel asks for it. With kavrel-camera-sim removed, that folder is gone
-# and the loader falls back to the vendor's library in its default path;
-# LD_LIBRARY_PATH still overrides either.
-file(RELATIVE_PATH _kavrel_bin_to_lib
-     "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
-set(KAVREL_TOOL_RUNPATH "$ORIGIN/${_kavrel_bin_to_lib}/kavrel/sim:$ORIGIN/${_kavrel_bin_to_lib}")
-
-function(kavrel_install_tool target)
-  get_property(done TARGET ${target} PROPERTY KAVREL_INSTALLED)
-  if(done)
-    return()
-  endif()
-  set_property(TARGET ${target} PROPERTY KAVREL_INSTALLED TRUE)
-  if(KAVREL_HAVE_SIMULATOR)
-    set_property(TARGET ${target} PROPERTY INSTALL_RPATH "${KAVREL_TOOL_RUNPATH}")
-    target_link_libraries(${target} PRIVATE Torvane::torvane)
-    # Debian's toolchain does not default to --as-needed, but others do.
-    target_link_options(${target} PRIVATE -Wl,--no-as-needed)
-  endif()
-  install(TARGETS ${target} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-endfunction()
-
-# Every executable defined under tools/ is a tool; tools/ is read before this
-# file, so pick them up here rather than rely on calls from there.
-function(_kavrel_collect_executables dir out)
-  set(found "")
-  get_property(targets DIRECTORY "${dir}" PROPERTY BUILDSYSTEM_TARGETS)
-  foreach(t IN LISTS targets)
-    get_property(type TARGET ${t} PROPERTY TYPE)
-    if(type STREQUAL "EXECUTABLE")
-      list(APPEND found ${t})
-    endif()
-  endforeach()
-  get_property(subdirs DIRECTORY "${dir}" PROPERTY SUBDIRECTORIES)
-  foreach(sub IN LISTS subdirs)
-    _kavrel_collect_executables("${sub}" sub_found)
-    list(APPEND found ${sub_found})
-  endforeach()
-  set(${out} "${found}" PARENT_SCOPE)
-endfunction()
-if(KAVREL_BUILD_TOOLS AND EXISTS "${PROJECT_SOURCE_DIR}/tools/CMakeLists.txt")
-  _kavrel_collect_executables("${PROJECT_SOURCE_DIR}/tools" KAVREL_TOOLS)
-  foreach(tool IN LISTS KAVREL_TOOLS)
-    kavrel_install_tool(${tool})
-  endforeach()
-endif()
+# Each program in tools/ installs itself with kavrel_install_tool()
+# (cmake/KavrelTools.cmake), which also lists it here.
+get_property(KAVREL_TOOLS GLOBAL PROPERTY KAVREL_TOOLS)
 
 # --- manual pages of the tools -------------------------------------------------------
 # Made by help2man from each tool's --help and --version, so the page says what

@@ -5,12 +5,14 @@
 #include <QMutex>
 #include <QWidget>
 
+#include "api/kavrelexport.h"
+
 class QPaintEvent;
 class QResizeEvent;
 
 // Live preview of the configuration dialog. The dialog hands frames over through
 // the public frame fields while it holds m_cImageMutex; the view only paints.
-class WebCamCfgViewForm : public QWidget
+class KAVREL_EXPORT WebCamCfgViewForm : public QWidget
 {
     Q_OBJECT
 public:

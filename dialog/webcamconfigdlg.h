@@ -5,6 +5,8 @@
 #include <QDialog>
 #include <QString>
 
+#include "api/kavrelexport.h"
+
 class Ui_WebCamConfigDlg;
 class WebCamCfgViewForm;
 class CCDWebCam;
@@ -12,7 +14,7 @@ class QTimerEvent;
 
 // Modal configuration dialog for one camera. It drives a camera object of its
 // own, shows it live, and on OK answers a new configuration string.
-class WebCamConfigDlg : public QDialog
+class KAVREL_EXPORT WebCamConfigDlg : public QDialog
 {
     Q_OBJECT
 public:

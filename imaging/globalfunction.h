@@ -4,10 +4,12 @@
 
 #include <QString>
 
+#include "api/kavrelexport.h"
+
 // Tag extraction for the library's flat tagged texts, and conversions between
 // packed YUV 4:2:2, 24-bit BGR rows padded to 4 bytes ("DIB") and 8-bit grey.
 // Everything is static; the conversions work on caller-owned buffers.
-class GlobalFunction
+class KAVREL_EXPORT GlobalFunction
 {
 public:
     enum YUV422_Type {

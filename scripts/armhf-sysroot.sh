@@ -66,9 +66,9 @@ fi
 log() { echo "armhf-sysroot: $*" >&2; }
 
 # Host tools this script needs (apt-get, dpkg-deb are always there on Debian).
+# install-deps.sh installs the keyring as root or through sudo.
 if [ ! -f "$keyring" ]; then
-  log "installing debian-archive-keyring"
-  DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends debian-archive-keyring >&2
+  "$(dirname "$0")/install-deps.sh" sysroot >&2
 fi
 
 mkdir -p "$cache"

@@ -39,21 +39,10 @@ done
 stage() { echo; echo "== $* =="; }
 
 # --- build machine packages ----------------------------------------------------
-# moc, uic, rcc and lrelease run on the build machine, so they come from the
-# host's Qt packages; everything the target links comes from the sysroot.
-host_packages=(crossbuild-essential-armhf qemu-user cmake make pkg-config
-               qtbase5-dev-tools qttools5-dev-tools debian-archive-keyring)
-if [ "$package" = 1 ]; then host_packages+=(help2man doxygen lintian); fi
-missing=()
-for p in "${host_packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  stage "Installing ${missing[*]}"
-  sudo=
-  [ "$(id -u)" -eq 0 ] || sudo=sudo
-  $sudo apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+if [ "$package" = 1 ]; then
+  "$root/scripts/install-deps.sh" armhf docs lint
+else
+  "$root/scripts/install-deps.sh" armhf
 fi
 
 stage "armhf sysroot"

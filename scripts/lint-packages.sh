@@ -7,12 +7,7 @@ set -euo pipefail
 dir=${1:?usage: lint-packages.sh <folder with .deb files>}
 debs=("$dir"/*.deb)
 [ -e "${debs[0]}" ] || { echo "lint-packages.sh: no .deb files in $dir" >&2; exit 1; }
-if ! command -v lintian >/dev/null; then
-  sudo=
-  [ "$(id -u)" -eq 0 ] || sudo=sudo
-  $sudo apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends lintian >/dev/null
-fi
+"$(dirname "$0")/install-deps.sh" lint
 ls -1 "${debs[@]}"
 echo "lintian:"
 # lintian warns that it runs as root; that says nothing about the packages.

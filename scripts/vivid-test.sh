@@ -40,17 +40,7 @@ retry() {
 }
 
 # --- packages -------------------------------------------------------------------
-packages=(qemu-system-x86 busybox-static kmod cpio)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  log "installing ${missing[*]}"
-  retry $sudo apt-get update -qq || fail "apt-get update failed"
-  retry env DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" \
-    >/dev/null || fail "cannot install ${missing[*]}"
-fi
+"$root/scripts/install-deps.sh" vivid || fail "cannot install the virtual machine's packages"
 for tool in qemu-system-x86_64 busybox depmod modprobe cpio; do
   command -v "$tool" >/dev/null || [ -x "/sbin/$tool" ] || fail "$tool not found"
 done
