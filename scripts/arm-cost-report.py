@@ -22,6 +22,7 @@ from collections import OrderedDict
 CPUS = [("A9", "cortex-a9"), ("A57", "cortex-a57")]
 ITERATIONS = 100
 UNMODELLED_CPI = 1.0
+CALIBRATION_SLACK = 0.001   # the call and the region loop: a few dozen instructions in 100000 turns
 IMPLS = ["kavrel", "libyuv", "opencv", "memcpy x2"]
 
 BRANCH = re.compile(r"^(b|bl|blx|cbz|cbnz)(eq|ne|cs|hs|cc|lo|mi|pl|vs|vc|hi|ls|ge|lt|gt|le|al)?(\.w|\.n)?\s+(.*)$")
@@ -166,6 +167,19 @@ def estimate(regions):
             r["modelled_" + name] = modelled / max(1, r["insns"])
 
 
+def check_calibration(variant, regions):
+    """The program's first region is a loop of 2 instructions per turn, one
+    turn per 'pixel': the count must be 2 per pixel plus the call around it,
+    or the plugin, the markers or the pairing of regions is wrong."""
+    cal = [r for r in regions if r["case"] == "calibration"]
+    if len(cal) != 1:
+        sys.exit("arm-cost-report: %s: no calibration region" % variant)
+    per_turn = cal[0]["insns"] / cal[0]["runs"] / cal[0]["pixels"]
+    if abs(per_turn - 2.0) > CALIBRATION_SLACK:
+        sys.exit("arm-cost-report: %s: the calibration loop counted %.4f instructions per turn, not 2"
+                 % (variant, per_turn))
+
+
 def fmt(x):
     if x is None:
         return "-"
@@ -182,6 +196,8 @@ def main(argv):
     worst_cover = 1.0
     for k in range(0, len(argv), 3):
         variant, regions = argv[k], read_variant(argv[k + 1], argv[k + 2])
+        check_calibration(variant, regions)
+        regions = [r for r in regions if r["case"] != "calibration"]
         estimate(regions)
         for r in regions:
             key = (r["case"], r["size"], variant)

@@ -310,11 +310,24 @@ void request(const RequestCase& c, const Size& s)
 
 } // namespace
 
+// A loop of known length, so that the script can check the counting itself:
+// 2 * kCalibrationTurns instructions per run, plus the call around it.
+constexpr int kCalibrationTurns = 100000;
+
+__attribute__((noinline)) void calibrationLoop()
+{
+#if defined(__arm__)
+    int n = kCalibrationTurns;
+    asm volatile("1: subs %0, %0, #1\n\tbne 1b" : "+r"(n) : : "cc");
+#endif
+}
+
 int main()
 {
 #ifdef KAVREL_ARMCOST_OPENCV
     cv::setNumThreads(0);  // single-threaded, like ours
 #endif
+    region("calibration", "loop", Size{kCalibrationTurns, 1}, calibrationLoop);
     for (const Size& s : kSizes) {
         conversions(s);
         for (const RequestCase& c : kRequests)
