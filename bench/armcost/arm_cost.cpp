@@ -106,7 +106,6 @@ void conversions(const Size& s)
             std::memcpy(dst, b.mid.data(), outBytes);
         });
     };
-    (void)floor;
 
     const char* const typeNames[4] = {"Y0UY1V", "Y0VY1U", "VY1UY0", "UY1VY0"};
     for (int t = 0; t < 4; ++t) {
@@ -268,8 +267,8 @@ void request(const RequestCase& c, const Size& s)
     unsigned char* const img = image.data();
     const int w = s.w, h = s.h;
     auto handOver = [&] { std::memcpy(host.data(), img, nImage); };
-    (void)src, (void)w, (void)h;
     const bool bGrey = c.nPixFmt == 0, b3 = c.nFrameBytes == 3, bGamma = std::strcmp(c.pszGamma, "1.00") != 0;
+    (void)w, (void)h, (void)bGrey, (void)b3, (void)bGamma;  // used by the peers only
 #ifdef KAVREL_ARMCOST_OPENCV
     {
         std::vector<unsigned char> table(256);
