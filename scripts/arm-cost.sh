@@ -18,8 +18,8 @@
 # build/armhf-cost-neon; runs it under qemu-arm with the plugin; feeds the
 # blocks that executed 99% of each region's instructions to llvm-mca for a
 # Cortex-A9 and a Cortex-A57 (scripts/arm-cost-report.py).
-# About 5 minutes on the 2-core build machine with the sysroot cached (most of
-# it the two builds and llvm-mca).
+# About 2-3 minutes on the 2-core build machine with the sysroot cached (most
+# of it the two builds and llvm-mca).
 # Environment: KAVREL_CACHE_DIR (default ~/.cache/kavrel), KAVREL_JOBS.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
