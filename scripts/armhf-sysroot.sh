@@ -26,7 +26,7 @@ security=${KAVREL_DEBIAN_SECURITY:-http://deb.debian.org/debian-security}
 home=${HOME:-$(getent passwd "$(id -u)" | cut -d: -f6)}
 cache=${KAVREL_CACHE_DIR:-${XDG_CACHE_HOME:-$home/.cache}/kavrel}
 keyring=/usr/share/keyrings/debian-archive-keyring.gpg
-layout=4   # bump when the way the tree is put together changes
+layout=5   # bump when the way the tree is put together changes
 
 # What the cross build compiles and links against. Their dependency closure
 # comes along (Qt's X11/GL/font libraries, libc, libgcc...). qttools5-dev
@@ -41,6 +41,9 @@ packages=(
   libgmock-dev
   libbenchmark-dev
   libv4l-dev
+  # Peers of the armhf cost measurement (scripts/arm-cost.sh), same frames.
+  libyuv-dev
+  libopencv-imgproc-dev
 )
 
 force=0
@@ -162,6 +165,16 @@ done < <(find "$tmp" -type l -print0)
 
 # Linker scripts in libc6-dev name absolute paths (/lib/arm-linux-gnueabihf/...);
 # with --sysroot the linker prefixes them itself, so they stay as they are.
+
+# Some libraries reach their SONAME through update-alternatives, which only the
+# maintainer scripts (never run here) set up: BLAS and LAPACK, which OpenCV
+# needs. Give them the default the scripts would pick.
+for alt in blas/libblas.so.3 lapack/liblapack.so.3; do
+  dir=$tmp/usr/lib/arm-linux-gnueabihf
+  if [ -e "$dir/$alt" ] && [ ! -e "$dir/$(basename "$alt")" ]; then
+    ln -s "$alt" "$dir/$(basename "$alt")"
+  fi
+done
 
 # merged-/usr: Debian 12 ships files under /usr/lib but binaries look for
 # /lib/ld-linux-armhf.so.3; give the tree the same top-level links.
