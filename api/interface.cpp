@@ -171,6 +171,10 @@ HandOverGuard& handOverGuard(bool bSlaver)
     return s_aGuards[bSlaver ? 1 : 0];
 }
 
+// Which camera a twin is, as kavrel::CameraUse takes it.
+const bool kMain = false;
+const bool kSlaver = true;
+
 } // namespace
 
 // One camera's side of KavrelInterface: every Main operation and its Slaver
@@ -559,52 +563,58 @@ char* KavrelInterface::getLastError()
 
 // The twins: each operation of one camera is its twin's, on that camera's fields.
 
-bool KavrelInterface::IsConnectedMain() { return KavrelTwin(*this, false).isConnected(); }
-bool KavrelInterface::IsConnectedSlaver() { return KavrelTwin(*this, true).isConnected(); }
-bool KavrelInterface::IsStartedMain() { return KavrelTwin(*this, false).isStarted(); }
-bool KavrelInterface::IsStartedSlaver() { return KavrelTwin(*this, true).isStarted(); }
-int KavrelInterface::getCCDFPSMain() { return KavrelTwin(*this, false).fps(); }
-int KavrelInterface::getCCDFPSSlaver() { return KavrelTwin(*this, true).fps(); }
+bool KavrelInterface::IsConnectedMain() { return KavrelTwin(*this, kMain).isConnected(); }
+bool KavrelInterface::IsConnectedSlaver() { return KavrelTwin(*this, kSlaver).isConnected(); }
+bool KavrelInterface::IsStartedMain() { return KavrelTwin(*this, kMain).isStarted(); }
+bool KavrelInterface::IsStartedSlaver() { return KavrelTwin(*this, kSlaver).isStarted(); }
+int KavrelInterface::getCCDFPSMain() { return KavrelTwin(*this, kMain).fps(); }
+int KavrelInterface::getCCDFPSSlaver() { return KavrelTwin(*this, kSlaver).fps(); }
 
-void KavrelInterface::setConfigStringMain(char* szConfig) { KavrelTwin(*this, false).setConfigString(szConfig); }
-void KavrelInterface::setConfigStringSlaver(char* szConfig) { KavrelTwin(*this, true).setConfigString(szConfig); }
-char* KavrelInterface::getConfigStringMain() { return KavrelTwin(*this, false).configString(); }
-char* KavrelInterface::getConfigStringSlaver() { return KavrelTwin(*this, true).configString(); }
-bool KavrelInterface::parseConfigStrMain(QString strConfig) { return KavrelTwin(*this, false).parseConfig(strConfig); }
-bool KavrelInterface::parseConfigStrSlaver(QString strConfig) { return KavrelTwin(*this, true).parseConfig(strConfig); }
-bool KavrelInterface::applyNewConfigMain() { return KavrelTwin(*this, false).applyNewConfig(); }
-bool KavrelInterface::applyNewConfigSlaver() { return KavrelTwin(*this, true).applyNewConfig(); }
+void KavrelInterface::setConfigStringMain(char* szConfig) { KavrelTwin(*this, kMain).setConfigString(szConfig); }
+void KavrelInterface::setConfigStringSlaver(char* szConfig) { KavrelTwin(*this, kSlaver).setConfigString(szConfig); }
+char* KavrelInterface::getConfigStringMain() { return KavrelTwin(*this, kMain).configString(); }
+char* KavrelInterface::getConfigStringSlaver() { return KavrelTwin(*this, kSlaver).configString(); }
+bool KavrelInterface::parseConfigStrMain(QString strConfig)
+{
+    return KavrelTwin(*this, kMain).parseConfig(strConfig);
+}
+bool KavrelInterface::parseConfigStrSlaver(QString strConfig)
+{
+    return KavrelTwin(*this, kSlaver).parseConfig(strConfig);
+}
+bool KavrelInterface::applyNewConfigMain() { return KavrelTwin(*this, kMain).applyNewConfig(); }
+bool KavrelInterface::applyNewConfigSlaver() { return KavrelTwin(*this, kSlaver).applyNewConfig(); }
 
-bool KavrelInterface::connectMain() { return KavrelTwin(*this, false).connect(); }
-bool KavrelInterface::connectSlaver() { return KavrelTwin(*this, true).connect(); }
-void KavrelInterface::disconnectMain() { KavrelTwin(*this, false).disconnect(); }
-void KavrelInterface::disconnectSlaver() { KavrelTwin(*this, true).disconnect(); }
-bool KavrelInterface::startMain() { return KavrelTwin(*this, false).start(); }
-bool KavrelInterface::startSlaver() { return KavrelTwin(*this, true).start(); }
-void KavrelInterface::stopMain() { KavrelTwin(*this, false).stop(); }
-void KavrelInterface::stopSlaver() { KavrelTwin(*this, true).stop(); }
-bool KavrelInterface::clickMain() { return KavrelTwin(*this, false).click(); }
-bool KavrelInterface::clickSlaver() { return KavrelTwin(*this, true).click(); }
+bool KavrelInterface::connectMain() { return KavrelTwin(*this, kMain).connect(); }
+bool KavrelInterface::connectSlaver() { return KavrelTwin(*this, kSlaver).connect(); }
+void KavrelInterface::disconnectMain() { KavrelTwin(*this, kMain).disconnect(); }
+void KavrelInterface::disconnectSlaver() { KavrelTwin(*this, kSlaver).disconnect(); }
+bool KavrelInterface::startMain() { return KavrelTwin(*this, kMain).start(); }
+bool KavrelInterface::startSlaver() { return KavrelTwin(*this, kSlaver).start(); }
+void KavrelInterface::stopMain() { KavrelTwin(*this, kMain).stop(); }
+void KavrelInterface::stopSlaver() { KavrelTwin(*this, kSlaver).stop(); }
+bool KavrelInterface::clickMain() { return KavrelTwin(*this, kMain).click(); }
+bool KavrelInterface::clickSlaver() { return KavrelTwin(*this, kSlaver).click(); }
 
 unsigned char* KavrelInterface::requestImageMain(int* pnWidth, int* pnBytesPerLine, int* pnHeight, int nTimeout)
 {
-    return KavrelTwin(*this, false).requestImage(pnWidth, pnBytesPerLine, pnHeight, nTimeout);
+    return KavrelTwin(*this, kMain).requestImage(pnWidth, pnBytesPerLine, pnHeight, nTimeout);
 }
 
 unsigned char* KavrelInterface::requestImageSlaver(int* pnWidth, int* pnBytesPerLine, int* pnHeight, int nTimeout)
 {
-    return KavrelTwin(*this, true).requestImage(pnWidth, pnBytesPerLine, pnHeight, nTimeout);
+    return KavrelTwin(*this, kSlaver).requestImage(pnWidth, pnBytesPerLine, pnHeight, nTimeout);
 }
 
-void KavrelInterface::releaseImageMain(unsigned char* pImage) { KavrelTwin(*this, false).releaseImage(pImage); }
-void KavrelInterface::releaseImageSlaver(unsigned char* pImage) { KavrelTwin(*this, true).releaseImage(pImage); }
+void KavrelInterface::releaseImageMain(unsigned char* pImage) { KavrelTwin(*this, kMain).releaseImage(pImage); }
+void KavrelInterface::releaseImageSlaver(unsigned char* pImage) { KavrelTwin(*this, kSlaver).releaseImage(pImage); }
 
 char* KavrelInterface::showConfigWindowMain(char* szConfig)
 {
-    return KavrelTwin(*this, false).showConfigWindow(szConfig);
+    return KavrelTwin(*this, kMain).showConfigWindow(szConfig);
 }
 
 char* KavrelInterface::showConfigWindowSlaver(char* szConfig)
 {
-    return KavrelTwin(*this, true).showConfigWindow(szConfig);
+    return KavrelTwin(*this, kSlaver).showConfigWindow(szConfig);
 }
