@@ -16,6 +16,8 @@ const int kMaxBrightness = 3 * 255;
 // The white surface is the brightest tenth of the frame at most.
 const double kWhiteSurfaceShare = 0.1;
 const float kPercent = 100.0f;
+// 2^31: the first float above INT_MAX; its negation is INT_MIN exactly.
+const float kIntRange = 2147483648.0f;
 const int kMaxGainPercent = 200;
 
 struct Frame {
@@ -114,9 +116,9 @@ int gainToPercent(float fGain)
     const float fPercent = fGain * kPercent;
     if (std::isnan(fPercent))
         return 0;
-    if (fPercent >= 2147483648.0f)
+    if (fPercent >= kIntRange)
         return INT_MAX;
-    if (fPercent <= -2147483648.0f)
+    if (fPercent <= -kIntRange)
         return INT_MIN;
     return static_cast<int>(fPercent);
 }
