@@ -139,16 +139,6 @@ bool decodeLocal8Bit(const char* szText, QString& strText)
     return true;
 }
 
-kavrel::CameraUse cameraMain()
-{
-    return kavrel::CameraUse(false);
-}
-
-kavrel::CameraUse cameraSlaver()
-{
-    return kavrel::CameraUse(true);
-}
-
 // "w,h" is a size at the top left, "x,y,w,h" a whole region; any other body
 // keeps the region we had.
 void readRegion(const QString& strROI, int (&aRegion)[4])
@@ -166,51 +156,6 @@ void readRegion(const QString& strROI, int (&aRegion)[4])
     }
 }
 
-// Reads one camera's configuration string into its parsed members, all or
-// nothing: everything that can fail works on copies, which are then assigned.
-void parseConfig(const QString& strConfig, CCDIF::CCDSettings& cSettings, QString& strCCDType, int& nCCDPos,
-                 int& nPixFmt, bool& bUseCUDA, int& nRAW, int& nROIX, int& nROIY, int& nROIWidth,
-                 int& nROIHeight)
-{
-    const QString strCCDType0 = GlobalFunction::getBody(strConfig, "<CCDType>", "</CCDType>");
-    const QString strCCDPos = GlobalFunction::getBody(strConfig, "<CCDPos>", "</CCDPos>");
-    const QString strPixFmt = GlobalFunction::getBody(strConfig, "<PixFmt>", "</PixFmt>");
-    const QString strROI = GlobalFunction::getBody(strConfig, "<ROI>", "</ROI>");
-    const QString strRAW = GlobalFunction::getBody(strConfig, "<RAW>", "</RAW>");
-    const QString strSettings = GlobalFunction::getBody(strConfig, "<Settings>", "</Settings>");
-    const QString strUseCUDA = GlobalFunction::getBody(strConfig, "<UseCUDA>", "</UseCUDA>");
-
-    CCDIF::CCDSettings cNewSettings = cSettings;
-    cNewSettings.fromString(strSettings);
-    int aRegion[4] = {nROIX, nROIY, nROIWidth, nROIHeight};
-    readRegion(strROI, aRegion);
-
-    bUseCUDA = strUseCUDA.toInt(nullptr, 10) == 1;
-    cSettings = cNewSettings;
-    strCCDType = strCCDType0;
-    nCCDPos = strCCDPos.toInt(nullptr, 10);
-    nPixFmt = strPixFmt.toInt(nullptr, 10);
-    nRAW = strRAW.toInt(nullptr, 10);
-    nROIX = aRegion[0];
-    nROIY = aRegion[1];
-    nROIWidth = aRegion[2];
-    nROIHeight = aRegion[3];
-}
-
-// Decodes a configuration string and, when it parses, stores it.
-template <typename Parse>
-void storeConfig(const char* szConfig, QString& strStored, QString& strLastError, Parse parse)
-{
-    QString strConfig;
-    if (!decodeLocal8Bit(szConfig, strConfig)) {
-        strLastError = "Config string is too long.";
-        return;
-    }
-    if (parse(strConfig))
-        strStored = strConfig;
-}
-
-
 // Who holds each camera's hand-over, and the lock that lets one request of a
 // camera at a time go from waiting for its frame to copying it, so that every
 // request lends the very frame it waited for. Both live here rather than in
@@ -226,13 +171,239 @@ HandOverGuard& handOverGuard(bool bSlaver)
     return s_aGuards[bSlaver ? 1 : 0];
 }
 
-// The hand-over of either camera: wait for the next frame, then copy it into
-// the buffer under the camera's hand-over mutex, which stays locked for the
-// caller when an image is lent. Called with the camera's request lock held.
-unsigned char* handOver(bool bSlaver, QMutex& cMutex, unsigned char*& pBuf, int& nBufSize, int* pnWidth,
-                        int* pnBytesPerLine, int* pnHeight, int nTimeout)
+// Which camera a twin is, as kavrel::CameraUse takes it.
+const bool kMain = false;
+const bool kSlaver = true;
+
+} // namespace
+
+// One camera's side of KavrelInterface: every Main operation and its Slaver
+// twin run this code. The fields stay in KavrelInterface, where hosts' builds
+// expect them; a twin refers to one camera's share of them (and to the last
+// error, which both share). Internal, never exported.
+class __attribute__((visibility("hidden"))) KavrelTwin
 {
-    auto camera = [bSlaver] { return kavrel::CameraUse(bSlaver); };
+public:
+    KavrelTwin(KavrelInterface& cApi, bool bSlaver);
+
+    bool isConnected() const;
+    bool isStarted() const;
+    int fps() const;
+
+    void setConfigString(const char* szConfig);
+    char* configString() const;
+    bool parseConfig(const QString& strConfig);
+    bool applyNewConfig();
+
+    bool connect();
+    void disconnect();
+    bool start();
+    void stop();
+    bool click();
+    unsigned char* requestImage(int* pnWidth, int* pnBytesPerLine, int* pnHeight, int nTimeout);
+    void releaseImage(unsigned char* pImage);
+
+    char* showConfigWindow(const char* szConfig);
+
+private:
+    // Looked up anew for every call on the camera (the registry may have been
+    // destroyed and made again in between).
+    kavrel::CameraUse camera() const { return kavrel::CameraUse(m_bSlaver); }
+    // Passes a camera operation's result on; after a failure the camera's own
+    // text becomes the last error.
+    bool orCameraError(bool bOk);
+    void readConfig(const QString& strConfig);
+    unsigned char* handOver(int* pnWidth, int* pnBytesPerLine, int* pnHeight, int nTimeout);
+
+    const bool m_bSlaver;
+    QString& m_strConfig;
+    QString& m_strLastError;
+    CCDIF::CCDSettings& m_cSettings;
+    QString& m_strCCDType;
+    int& m_nCCDPos;
+    int& m_nPixFmt;
+    bool& m_bUseCUDA;
+    int& m_nRAW;
+    int& m_nROIX;
+    int& m_nROIY;
+    int& m_nROIWidth;
+    int& m_nROIHeight;
+    QMutex& m_cImageMutex;
+    unsigned char*& m_pImageBuf;
+    int& m_nImageBufSize;
+};
+
+KavrelTwin::KavrelTwin(KavrelInterface& a, bool bSlaver)
+    : m_bSlaver(bSlaver)
+    , m_strConfig(bSlaver ? a.m_strConfigSlaver : a.m_strConfigMain)
+    , m_strLastError(a.m_strLastError)
+    , m_cSettings(bSlaver ? a.m_cSettingsSlaver : a.m_cSettingsMain)
+    , m_strCCDType(bSlaver ? a.m_strCCDTypeSlaver : a.m_strCCDTypeMain)
+    , m_nCCDPos(bSlaver ? a.m_nCCDPosSlaver : a.m_nCCDPosMain)
+    , m_nPixFmt(bSlaver ? a.m_nPixFmtSlaver : a.m_nPixFmtMain)
+    , m_bUseCUDA(bSlaver ? a.m_bUseCUDASlaver : a.m_bUseCUDAMain)
+    , m_nRAW(bSlaver ? a.m_nRAWSlaver : a.m_nRAWMain)
+    , m_nROIX(bSlaver ? a.m_nROIXSlaver : a.m_nROIXMain)
+    , m_nROIY(bSlaver ? a.m_nROIYSlaver : a.m_nROIYMain)
+    , m_nROIWidth(bSlaver ? a.m_nROIWidthSlaver : a.m_nROIWidthMain)
+    , m_nROIHeight(bSlaver ? a.m_nROIHeightSlaver : a.m_nROIHeightMain)
+    , m_cImageMutex(bSlaver ? a.m_cImageMutexSlaver : a.m_cImageMutexMain)
+    , m_pImageBuf(bSlaver ? a.m_pImageBufSlaver : a.m_pImageBufMain)
+    , m_nImageBufSize(bSlaver ? a.m_nImageBufSizeSlaver : a.m_nImageBufSizeMain)
+{
+}
+
+bool KavrelTwin::orCameraError(bool bOk)
+{
+    if (!bOk)
+        m_strLastError = camera()->getLastError();
+    return bOk;
+}
+
+bool KavrelTwin::isConnected() const
+{
+    return guarded(false, [this] { return camera()->IsConnected(); });
+}
+
+bool KavrelTwin::isStarted() const
+{
+    return guarded(false, [this] { return camera()->IsStarted(); });
+}
+
+int KavrelTwin::fps() const
+{
+    return guarded(0, [this] { return camera()->getFPS(); });
+}
+
+// ---------------------------------------------------------------------------
+// Configuration strings
+
+// Decodes a configuration string and, when it parses, stores it.
+void KavrelTwin::setConfigString(const char* szConfig)
+{
+    guardedVoid([&] {
+        QString strConfig;
+        if (!decodeLocal8Bit(szConfig, strConfig)) {
+            m_strLastError = "Config string is too long.";
+            return;
+        }
+        if (parseConfig(strConfig))
+            m_strConfig = strConfig;
+    });
+}
+
+char* KavrelTwin::configString() const
+{
+    return transConfigString(m_strConfig);
+}
+
+// True once parsed; false only when memory ran out, with nothing changed.
+bool KavrelTwin::parseConfig(const QString& strConfig)
+{
+    return guarded(false, [&] {
+        readConfig(strConfig);
+        return true;
+    });
+}
+
+// All or nothing: everything that can fail works on copies, which are then
+// assigned.
+void KavrelTwin::readConfig(const QString& strConfig)
+{
+    const QString strCCDType = GlobalFunction::getBody(strConfig, "<CCDType>", "</CCDType>");
+    const QString strCCDPos = GlobalFunction::getBody(strConfig, "<CCDPos>", "</CCDPos>");
+    const QString strPixFmt = GlobalFunction::getBody(strConfig, "<PixFmt>", "</PixFmt>");
+    const QString strROI = GlobalFunction::getBody(strConfig, "<ROI>", "</ROI>");
+    const QString strRAW = GlobalFunction::getBody(strConfig, "<RAW>", "</RAW>");
+    const QString strSettings = GlobalFunction::getBody(strConfig, "<Settings>", "</Settings>");
+    const QString strUseCUDA = GlobalFunction::getBody(strConfig, "<UseCUDA>", "</UseCUDA>");
+
+    CCDIF::CCDSettings cNewSettings = m_cSettings;
+    cNewSettings.fromString(strSettings);
+    int aRegion[4] = {m_nROIX, m_nROIY, m_nROIWidth, m_nROIHeight};
+    readRegion(strROI, aRegion);
+
+    m_bUseCUDA = strUseCUDA.toInt(nullptr, 10) == 1;
+    m_cSettings = cNewSettings;
+    m_strCCDType = strCCDType;
+    m_nCCDPos = strCCDPos.toInt(nullptr, 10);
+    m_nPixFmt = strPixFmt.toInt(nullptr, 10);
+    m_nRAW = strRAW.toInt(nullptr, 10);
+    m_nROIX = aRegion[0];
+    m_nROIY = aRegion[1];
+    m_nROIWidth = aRegion[2];
+    m_nROIHeight = aRegion[3];
+}
+
+bool KavrelTwin::applyNewConfig()
+{
+    return guarded(false, [&] {
+        if (!camera()->IsStarted())
+            return false;
+        camera()->useCUDA(m_bUseCUDA);
+        camera()->applyNewSettings(m_cSettings);
+        return camera()->setROI(m_nROIX, m_nROIY, m_nROIWidth, m_nROIHeight);
+    });
+}
+
+// ---------------------------------------------------------------------------
+// Acquisition
+
+bool KavrelTwin::connect()
+{
+    return guarded(false, [&] {
+        if (m_strConfig.length() == 0) {
+            m_strLastError = "No config string is set.";
+            return false;
+        }
+        if (camera()->IsConnected())
+            return true;
+        camera()->useCUDA(m_bUseCUDA);
+        const bool bConnected = camera()->connect(m_nCCDPos, pixelFormatOfCode(m_nPixFmt));
+        return orCameraError(bConnected);
+    });
+}
+
+void KavrelTwin::disconnect()
+{
+    guardedVoid([this] {
+        if (camera()->IsConnected())
+            camera()->disconnect();
+    });
+}
+
+bool KavrelTwin::start()
+{
+    return guarded(false, [&] {
+        if (!camera()->IsConnected()) {
+            m_strLastError = "CCD is not connected.";
+            return false;
+        }
+        camera()->applyNewSettings(m_cSettings);
+        camera()->setROI(m_nROIX, m_nROIY, m_nROIWidth, m_nROIHeight);
+        const bool bStarted = camera()->start();
+        return orCameraError(bStarted);
+    });
+}
+
+void KavrelTwin::stop()
+{
+    guardedVoid([this] { camera()->stop(); });
+}
+
+bool KavrelTwin::click()
+{
+    return guarded(false, [&] {
+        const bool bClicked = camera()->click();
+        return orCameraError(bClicked);
+    });
+}
+
+// Wait for the next frame, then copy it into the buffer under the camera's
+// hand-over mutex, which stays locked for the caller when an image is lent.
+// Called with the camera's request lock held.
+unsigned char* KavrelTwin::handOver(int* pnWidth, int* pnBytesPerLine, int* pnHeight, int nTimeout)
+{
     if (!camera()->waitNewImage(nTimeout))
         return nullptr;
     int nWidth = 0;
@@ -252,34 +423,33 @@ unsigned char* handOver(bool bSlaver, QMutex& cMutex, unsigned char*& pBuf, int&
         return nullptr;
     const int nSize = static_cast<int>(nSize64);
 
-    HandOverGuard& cGuard = handOverGuard(bSlaver);
-    cMutex.lock();
+    HandOverGuard& cGuard = handOverGuard(m_bSlaver);
+    m_cImageMutex.lock();
     cGuard.hHolder.store(QThread::currentThreadId());
     bool bLent = false;
     try {
-        if (nSize > nBufSize) {
+        if (nSize > m_nImageBufSize) {
             // The buffer grows to exactly the largest image seen and never shrinks.
             unsigned char* pNew = new (std::nothrow) unsigned char[static_cast<std::size_t>(nSize)];
             if (pNew) {
-                delete[] pBuf;
-                pBuf = pNew;
-                nBufSize = nSize;
+                delete[] m_pImageBuf;
+                m_pImageBuf = pNew;
+                m_nImageBufSize = nSize;
             }
         }
-        bLent = nSize <= nBufSize && camera()->copyImage(pBuf, nWidth, nBytesPerLine, nHeight);
+        bLent = nSize <= m_nImageBufSize && camera()->copyImage(m_pImageBuf, nWidth, nBytesPerLine, nHeight);
     } catch (...) {
         bLent = false;
     }
     if (!bLent) {
         cGuard.hHolder.store(nullptr);
-        cMutex.unlock();
+        m_cImageMutex.unlock();
         return nullptr;
     }
-    return pBuf;
+    return m_pImageBuf;
 }
 
-unsigned char* requestImage(bool bSlaver, QMutex& cMutex, unsigned char*& pBuf, int& nBufSize, int* pnWidth,
-                            int* pnBytesPerLine, int* pnHeight, int nTimeout)
+unsigned char* KavrelTwin::requestImage(int* pnWidth, int* pnBytesPerLine, int* pnHeight, int nTimeout)
 {
     if (pnWidth)
         *pnWidth = 0;
@@ -287,7 +457,7 @@ unsigned char* requestImage(bool bSlaver, QMutex& cMutex, unsigned char*& pBuf, 
         *pnBytesPerLine = 0;
     if (pnHeight)
         *pnHeight = 0;
-    HandOverGuard& cGuard = handOverGuard(bSlaver);
+    HandOverGuard& cGuard = handOverGuard(m_bSlaver);
     // This thread holds the camera's image already: waiting would be for ever.
     if (cGuard.hHolder.load() == QThread::currentThreadId())
         return nullptr;
@@ -296,7 +466,7 @@ unsigned char* requestImage(bool bSlaver, QMutex& cMutex, unsigned char*& pBuf, 
         return nullptr;
     unsigned char* pImage = nullptr;
     try {
-        pImage = handOver(bSlaver, cMutex, pBuf, nBufSize, pnWidth, pnBytesPerLine, pnHeight, nTimeout);
+        pImage = handOver(pnWidth, pnBytesPerLine, pnHeight, nTimeout);
     } catch (...) {
         pImage = nullptr;
     }
@@ -306,16 +476,37 @@ unsigned char* requestImage(bool bSlaver, QMutex& cMutex, unsigned char*& pBuf, 
 
 // Only the thread holding the camera's image ends the hold; a release from any
 // other thread, or a second one, changes nothing.
-void releaseImage(bool bSlaver, QMutex& cMutex, unsigned char* pImage)
+void KavrelTwin::releaseImage(unsigned char* pImage)
 {
-    HandOverGuard& cGuard = handOverGuard(bSlaver);
+    HandOverGuard& cGuard = handOverGuard(m_bSlaver);
     if (!pImage || cGuard.hHolder.load() != QThread::currentThreadId())
         return;
     cGuard.hHolder.store(nullptr);
-    cMutex.unlock();
+    m_cImageMutex.unlock();
 }
 
-} // namespace
+// ---------------------------------------------------------------------------
+// Configuration window
+
+char* KavrelTwin::showConfigWindow(const char* szConfig)
+{
+    return orEmptyText(guarded(static_cast<char*>(nullptr), [&] {
+        // The camera stays in use, so the registry stays, while the dialog runs.
+        const kavrel::CameraUse cCamera = camera();
+        const bool bWasStarted = cCamera->IsStarted();
+        cCamera->disconnect();
+        QString strConfig;
+        decodeLocal8Bit(szConfig, strConfig);
+        char* szResult = transConfigString(cCamera->showConfigWindow(strConfig));
+        // The restart uses the stored configuration, not the dialog's result.
+        if (bWasStarted && connect())
+            start();
+        return szResult;
+    }));
+}
+
+// ---------------------------------------------------------------------------
+// KavrelInterface
 
 KavrelInterface::KavrelInterface()
     : m_strConfigMain("")
@@ -370,275 +561,60 @@ char* KavrelInterface::getLastError()
     return transConfigString(m_strLastError);
 }
 
-bool KavrelInterface::IsConnectedMain()
-{
-    return guarded(false, [] { return cameraMain()->IsConnected(); });
-}
+// The twins: each operation of one camera is its twin's, on that camera's fields.
 
-bool KavrelInterface::IsConnectedSlaver()
-{
-    return guarded(false, [] { return cameraSlaver()->IsConnected(); });
-}
+bool KavrelInterface::IsConnectedMain() { return KavrelTwin(*this, kMain).isConnected(); }
+bool KavrelInterface::IsConnectedSlaver() { return KavrelTwin(*this, kSlaver).isConnected(); }
+bool KavrelInterface::IsStartedMain() { return KavrelTwin(*this, kMain).isStarted(); }
+bool KavrelInterface::IsStartedSlaver() { return KavrelTwin(*this, kSlaver).isStarted(); }
+int KavrelInterface::getCCDFPSMain() { return KavrelTwin(*this, kMain).fps(); }
+int KavrelInterface::getCCDFPSSlaver() { return KavrelTwin(*this, kSlaver).fps(); }
 
-bool KavrelInterface::IsStartedMain()
-{
-    return guarded(false, [] { return cameraMain()->IsStarted(); });
-}
-
-bool KavrelInterface::IsStartedSlaver()
-{
-    return guarded(false, [] { return cameraSlaver()->IsStarted(); });
-}
-
-int KavrelInterface::getCCDFPSMain()
-{
-    return guarded(0, [] { return cameraMain()->getFPS(); });
-}
-
-int KavrelInterface::getCCDFPSSlaver()
-{
-    return guarded(0, [] { return cameraSlaver()->getFPS(); });
-}
-
-// ---------------------------------------------------------------------------
-// Configuration strings
-
-void KavrelInterface::setConfigStringMain(char* szConfig)
-{
-    guardedVoid([&] {
-        storeConfig(szConfig, m_strConfigMain, m_strLastError,
-                    [this](const QString& strConfig) { return parseConfigStrMain(strConfig); });
-    });
-}
-
-void KavrelInterface::setConfigStringSlaver(char* szConfig)
-{
-    guardedVoid([&] {
-        storeConfig(szConfig, m_strConfigSlaver, m_strLastError,
-                    [this](const QString& strConfig) { return parseConfigStrSlaver(strConfig); });
-    });
-}
-
-char* KavrelInterface::getConfigStringMain()
-{
-    return transConfigString(m_strConfigMain);
-}
-
-char* KavrelInterface::getConfigStringSlaver()
-{
-    return transConfigString(m_strConfigSlaver);
-}
-
-// True once parsed; false only when memory ran out, with nothing changed.
+void KavrelInterface::setConfigStringMain(char* szConfig) { KavrelTwin(*this, kMain).setConfigString(szConfig); }
+void KavrelInterface::setConfigStringSlaver(char* szConfig) { KavrelTwin(*this, kSlaver).setConfigString(szConfig); }
+char* KavrelInterface::getConfigStringMain() { return KavrelTwin(*this, kMain).configString(); }
+char* KavrelInterface::getConfigStringSlaver() { return KavrelTwin(*this, kSlaver).configString(); }
 bool KavrelInterface::parseConfigStrMain(QString strConfig)
 {
-    return guarded(false, [&] {
-        parseConfig(strConfig, m_cSettingsMain, m_strCCDTypeMain, m_nCCDPosMain, m_nPixFmtMain, m_bUseCUDAMain,
-                    m_nRAWMain, m_nROIXMain, m_nROIYMain, m_nROIWidthMain, m_nROIHeightMain);
-        return true;
-    });
+    return KavrelTwin(*this, kMain).parseConfig(strConfig);
 }
-
 bool KavrelInterface::parseConfigStrSlaver(QString strConfig)
 {
-    return guarded(false, [&] {
-        parseConfig(strConfig, m_cSettingsSlaver, m_strCCDTypeSlaver, m_nCCDPosSlaver, m_nPixFmtSlaver,
-                    m_bUseCUDASlaver, m_nRAWSlaver, m_nROIXSlaver, m_nROIYSlaver, m_nROIWidthSlaver,
-                    m_nROIHeightSlaver);
-        return true;
-    });
+    return KavrelTwin(*this, kSlaver).parseConfig(strConfig);
 }
+bool KavrelInterface::applyNewConfigMain() { return KavrelTwin(*this, kMain).applyNewConfig(); }
+bool KavrelInterface::applyNewConfigSlaver() { return KavrelTwin(*this, kSlaver).applyNewConfig(); }
 
-bool KavrelInterface::applyNewConfigMain()
-{
-    return guarded(false, [&] {
-        if (!cameraMain()->IsStarted())
-            return false;
-        cameraMain()->useCUDA(m_bUseCUDAMain);
-        cameraMain()->applyNewSettings(m_cSettingsMain);
-        return cameraMain()->setROI(m_nROIXMain, m_nROIYMain, m_nROIWidthMain, m_nROIHeightMain);
-    });
-}
-
-bool KavrelInterface::applyNewConfigSlaver()
-{
-    return guarded(false, [&] {
-        if (!cameraSlaver()->IsStarted())
-            return false;
-        cameraSlaver()->useCUDA(m_bUseCUDASlaver);
-        cameraSlaver()->applyNewSettings(m_cSettingsSlaver);
-        return cameraSlaver()->setROI(m_nROIXSlaver, m_nROIYSlaver, m_nROIWidthSlaver, m_nROIHeightSlaver);
-    });
-}
-
-// ---------------------------------------------------------------------------
-// Acquisition
-
-bool KavrelInterface::connectMain()
-{
-    return guarded(false, [&] {
-        if (m_strConfigMain.length() == 0) {
-            m_strLastError = "No config string is set.";
-            return false;
-        }
-        if (cameraMain()->IsConnected())
-            return true;
-        cameraMain()->useCUDA(m_bUseCUDAMain);
-        if (cameraMain()->connect(m_nCCDPosMain, pixelFormatOfCode(m_nPixFmtMain)))
-            return true;
-        m_strLastError = cameraMain()->getLastError();
-        return false;
-    });
-}
-
-bool KavrelInterface::connectSlaver()
-{
-    return guarded(false, [&] {
-        if (m_strConfigSlaver.length() == 0) {
-            m_strLastError = "No config string is set.";
-            return false;
-        }
-        if (cameraSlaver()->IsConnected())
-            return true;
-        cameraSlaver()->useCUDA(m_bUseCUDASlaver);
-        if (cameraSlaver()->connect(m_nCCDPosSlaver, pixelFormatOfCode(m_nPixFmtSlaver)))
-            return true;
-        m_strLastError = cameraSlaver()->getLastError();
-        return false;
-    });
-}
-
-void KavrelInterface::disconnectMain()
-{
-    guardedVoid([] {
-        if (cameraMain()->IsConnected())
-            cameraMain()->disconnect();
-    });
-}
-
-void KavrelInterface::disconnectSlaver()
-{
-    guardedVoid([] {
-        if (cameraSlaver()->IsConnected())
-            cameraSlaver()->disconnect();
-    });
-}
-
-bool KavrelInterface::startMain()
-{
-    return guarded(false, [&] {
-        if (!cameraMain()->IsConnected()) {
-            m_strLastError = "CCD is not connected.";
-            return false;
-        }
-        cameraMain()->applyNewSettings(m_cSettingsMain);
-        cameraMain()->setROI(m_nROIXMain, m_nROIYMain, m_nROIWidthMain, m_nROIHeightMain);
-        if (cameraMain()->start())
-            return true;
-        m_strLastError = cameraMain()->getLastError();
-        return false;
-    });
-}
-
-bool KavrelInterface::startSlaver()
-{
-    return guarded(false, [&] {
-        if (!cameraSlaver()->IsConnected()) {
-            m_strLastError = "CCD is not connected.";
-            return false;
-        }
-        cameraSlaver()->applyNewSettings(m_cSettingsSlaver);
-        cameraSlaver()->setROI(m_nROIXSlaver, m_nROIYSlaver, m_nROIWidthSlaver, m_nROIHeightSlaver);
-        if (cameraSlaver()->start())
-            return true;
-        m_strLastError = cameraSlaver()->getLastError();
-        return false;
-    });
-}
-
-void KavrelInterface::stopMain()
-{
-    guardedVoid([] { cameraMain()->stop(); });
-}
-
-void KavrelInterface::stopSlaver()
-{
-    guardedVoid([] { cameraSlaver()->stop(); });
-}
-
-bool KavrelInterface::clickMain()
-{
-    return guarded(false, [&] {
-        if (cameraMain()->click())
-            return true;
-        m_strLastError = cameraMain()->getLastError();
-        return false;
-    });
-}
-
-bool KavrelInterface::clickSlaver()
-{
-    return guarded(false, [&] {
-        if (cameraSlaver()->click())
-            return true;
-        m_strLastError = cameraSlaver()->getLastError();
-        return false;
-    });
-}
+bool KavrelInterface::connectMain() { return KavrelTwin(*this, kMain).connect(); }
+bool KavrelInterface::connectSlaver() { return KavrelTwin(*this, kSlaver).connect(); }
+void KavrelInterface::disconnectMain() { KavrelTwin(*this, kMain).disconnect(); }
+void KavrelInterface::disconnectSlaver() { KavrelTwin(*this, kSlaver).disconnect(); }
+bool KavrelInterface::startMain() { return KavrelTwin(*this, kMain).start(); }
+bool KavrelInterface::startSlaver() { return KavrelTwin(*this, kSlaver).start(); }
+void KavrelInterface::stopMain() { KavrelTwin(*this, kMain).stop(); }
+void KavrelInterface::stopSlaver() { KavrelTwin(*this, kSlaver).stop(); }
+bool KavrelInterface::clickMain() { return KavrelTwin(*this, kMain).click(); }
+bool KavrelInterface::clickSlaver() { return KavrelTwin(*this, kSlaver).click(); }
 
 unsigned char* KavrelInterface::requestImageMain(int* pnWidth, int* pnBytesPerLine, int* pnHeight, int nTimeout)
 {
-    return requestImage(false, m_cImageMutexMain, m_pImageBufMain, m_nImageBufSizeMain, pnWidth, pnBytesPerLine,
-                        pnHeight, nTimeout);
+    return KavrelTwin(*this, kMain).requestImage(pnWidth, pnBytesPerLine, pnHeight, nTimeout);
 }
 
 unsigned char* KavrelInterface::requestImageSlaver(int* pnWidth, int* pnBytesPerLine, int* pnHeight, int nTimeout)
 {
-    return requestImage(true, m_cImageMutexSlaver, m_pImageBufSlaver, m_nImageBufSizeSlaver, pnWidth,
-                        pnBytesPerLine, pnHeight, nTimeout);
+    return KavrelTwin(*this, kSlaver).requestImage(pnWidth, pnBytesPerLine, pnHeight, nTimeout);
 }
 
-void KavrelInterface::releaseImageMain(unsigned char* pImage)
-{
-    releaseImage(false, m_cImageMutexMain, pImage);
-}
-
-void KavrelInterface::releaseImageSlaver(unsigned char* pImage)
-{
-    releaseImage(true, m_cImageMutexSlaver, pImage);
-}
-
-// ---------------------------------------------------------------------------
-// Configuration window
+void KavrelInterface::releaseImageMain(unsigned char* pImage) { KavrelTwin(*this, kMain).releaseImage(pImage); }
+void KavrelInterface::releaseImageSlaver(unsigned char* pImage) { KavrelTwin(*this, kSlaver).releaseImage(pImage); }
 
 char* KavrelInterface::showConfigWindowMain(char* szConfig)
 {
-    return orEmptyText(guarded(static_cast<char*>(nullptr), [&] {
-        // The camera stays in use, so the registry stays, while the dialog runs.
-        kavrel::CameraUse cCamera(false);
-        const bool bWasStarted = cCamera->IsStarted();
-        cCamera->disconnect();
-        QString strConfig;
-        decodeLocal8Bit(szConfig, strConfig);
-        char* szResult = transConfigString(cCamera->showConfigWindow(strConfig));
-        // The restart uses the stored configuration, not the dialog's result.
-        if (bWasStarted && connectMain())
-            startMain();
-        return szResult;
-    }));
+    return KavrelTwin(*this, kMain).showConfigWindow(szConfig);
 }
 
 char* KavrelInterface::showConfigWindowSlaver(char* szConfig)
 {
-    return orEmptyText(guarded(static_cast<char*>(nullptr), [&] {
-        kavrel::CameraUse cCamera(true);
-        const bool bWasStarted = cCamera->IsStarted();
-        cCamera->disconnect();
-        QString strConfig;
-        decodeLocal8Bit(szConfig, strConfig);
-        char* szResult = transConfigString(cCamera->showConfigWindow(strConfig));
-        if (bWasStarted && connectSlaver())
-            startSlaver();
-        return szResult;
-    }));
+    return KavrelTwin(*this, kSlaver).showConfigWindow(szConfig);
 }

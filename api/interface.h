@@ -148,6 +148,8 @@ public:
 
 private:
     friend class KavrelInterfaceTestPeer;
+    // Main and Slaver share one implementation, each on its own fields below.
+    friend class KavrelTwin;
 
     QString m_strConfigMain;
     QString m_strConfigSlaver;

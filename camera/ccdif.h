@@ -82,6 +82,8 @@ public:
     virtual QString showConfigWindow(QString strConfig) = 0;
 
 signals:
+    // Hosts link against it (the registry forwards it to NewImageArrivedMain
+    // and ...Slaver); the webcam driver never emits it: frames are pulled.
     void NewImageArrived(int nWidth, int nBytesPerLine, int nHeight);
 
 protected:

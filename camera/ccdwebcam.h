@@ -16,6 +16,7 @@ public:
     CCDWebCam();
     virtual ~CCDWebCam();
 
+    // Hosts link against it (and getCCDFPSMain/Slaver): no rate is measured, always 0.
     int getFPS() override;
     bool connect(int nCCDNum, PixelFormat ePixelFormat) override;
     bool start() override;
@@ -31,8 +32,10 @@ public:
     bool copyImage(unsigned char* pBuf, int nWidth, int nBytesPerLine, int nHeight) override;
     QString showConfigWindow(QString strConfig) override;
 
+    // Hosts link against it, and <UseCUDA> arrives here: stored, never read.
     void useCUDA(bool bUse);
     PixelFormat getPixelFormat();
+    // Hosts link against it: always 1, whatever camera number was connected.
     int getCCDNum();
     bool setROI(int& nX, int& nY, int& nWidth, int& nHeight);
     bool getROI(int& nX, int& nY, int& nWidth, int& nHeight);

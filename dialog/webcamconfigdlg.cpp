@@ -7,35 +7,21 @@
 #include "camera/textfields.h"
 #include "dialog/webcamcfgviewform.h"
 #include "imaging/globalfunction.h"
+#include "imaging/whitebalance.h"
 
 #include <QMutexLocker>
 #include <QStringList>
 #include <QTimerEvent>
 
-#include <climits>
-#include <cmath>
 #include <cstddef>
 #include <memory>
-#include <vector>
 
 namespace {
 
-// Float to int truncating toward zero; out-of-range values saturate and NaN
-// gives 0, so that odd factors from a configuration string stay defined.
-int truncToInt(float fValue)
-{
-    if (std::isnan(fValue))
-        return 0;
-    if (fValue >= 2147483648.0f)
-        return INT_MAX;
-    if (fValue <= -2147483648.0f)
-        return INT_MIN;
-    return static_cast<int>(fValue);
-}
-
+// Slider positions are gains in percent.
 int factorToSlider(float fFactor)
 {
-    return truncToInt(fFactor * 100.0f);
+    return kavrel::gainToPercent(fFactor);
 }
 
 float sliderToFactor(int nPosition)
@@ -416,7 +402,8 @@ void WebCamConfigDlg::on_btnAutoWB_clicked()
     m_pCCD->waitNewImage(1000);
     m_pCCD->waitNewImage(1000);
 
-    const bool bWhitePlane = ui->chkWhitePlane->isChecked();
+    const kavrel::WhiteReference eReference =
+        ui->chkWhitePlane->isChecked() ? kavrel::WhiteReference::WhiteSurface : kavrel::WhiteReference::WholeFrame;
 
     int nWidth = 0;
     int nHeight = 0;
@@ -431,85 +418,17 @@ void WebCamConfigDlg::on_btnAutoWB_clicked()
     std::unique_ptr<unsigned char[]> pFrame(new unsigned char[nBytes > 0 ? nBytes : 1]);
     const bool bCopied = m_pCCD->copyImage(pFrame.get(), nWidth, nBytesPerLine, nHeight);
 
-    if (bCopied && 3LL * nWidth <= nBytesPerLine &&
-        (ePixelFormat == CCDIF::PixFmtRGB || ePixelFormat == CCDIF::PixFmtBGR)) {
-        const int nRed = (ePixelFormat == CCDIF::PixFmtRGB) ? 0 : 2;
-        const int nBlue = 2 - nRed;
-        // Sums wrap like the 32-bit counters they are.
-        quint32 nSumR = 0;
-        quint32 nSumG = 0;
-        quint32 nSumB = 0;
-        float fMeanR = 0.0f;
-        float fMeanG = 0.0f;
-        float fMeanB = 0.0f;
-
-        if (!bWhitePlane) {
-            for (int y = 0; y < nHeight; ++y) {
-                const unsigned char* pRow = pFrame.get() + static_cast<std::size_t>(y) * nBytesPerLine;
-                for (int x = 0; x < nWidth; ++x) {
-                    const unsigned char* p = pRow + 3 * x;
-                    nSumR += p[nRed];
-                    nSumG += p[1];
-                    nSumB += p[nBlue];
-                }
-            }
-            const float fCount = static_cast<float>(static_cast<long long>(nWidth) * nHeight);
-            fMeanR = static_cast<float>(nSumR) / fCount;
-            fMeanG = static_cast<float>(nSumG) / fCount;
-            fMeanB = static_cast<float>(nSumB) / fCount;
-        } else {
-            // Brightness = sum of the three bytes (0..765). The reference is the
-            // brightest pixels, at most a tenth of the frame; the level at which
-            // the tenth is crossed is itself left out.
-            std::vector<qint32> vHistogram(768, 0);
-            const std::size_t nPixels = static_cast<std::size_t>(nWidth) * static_cast<std::size_t>(nHeight);
-            std::vector<qint32> vBrightness(nPixels);
-            for (int y = 0; y < nHeight; ++y) {
-                const unsigned char* pRow = pFrame.get() + static_cast<std::size_t>(y) * nBytesPerLine;
-                for (int x = 0; x < nWidth; ++x) {
-                    const unsigned char* p = pRow + 3 * x;
-                    const int b = p[0] + p[1] + p[2];
-                    vBrightness[static_cast<std::size_t>(y) * nWidth + x] = b;
-                    ++vHistogram[b];
-                }
-            }
-            const double dTarget = static_cast<double>(static_cast<long long>(nWidth) * nHeight) * 0.1;
-            int nThreshold = 0;
-            long long llTotal = 0;
-            for (int i = 767; i >= 0; --i) {
-                llTotal += vHistogram[i];
-                if (static_cast<double>(llTotal) > dTarget) {
-                    nThreshold = i;
-                    break;
-                }
-            }
-            quint32 nCount = 0;
-            for (int y = 0; y < nHeight; ++y) {
-                const unsigned char* pRow = pFrame.get() + static_cast<std::size_t>(y) * nBytesPerLine;
-                for (int x = 0; x < nWidth; ++x) {
-                    if (vBrightness[static_cast<std::size_t>(y) * nWidth + x] > nThreshold) {
-                        const unsigned char* p = pRow + 3 * x;
-                        ++nCount;
-                        nSumR += p[nRed];
-                        nSumG += p[1];
-                        nSumB += p[nBlue];
-                    }
-                }
-            }
-            fMeanR = static_cast<float>(nSumR) / static_cast<float>(nCount);
-            fMeanG = static_cast<float>(nSumG) / static_cast<float>(nCount);
-            fMeanB = static_cast<float>(nSumB) / static_cast<float>(nCount);
+    // Formats 4 to 7 pass the checks above but are not measured.
+    if (bCopied && (ePixelFormat == CCDIF::PixFmtRGB || ePixelFormat == CCDIF::PixFmtBGR)) {
+        const kavrel::ChannelOrder eOrder =
+            ePixelFormat == CCDIF::PixFmtRGB ? kavrel::ChannelOrder::RGB : kavrel::ChannelOrder::BGR;
+        if (const auto oGains =
+                kavrel::measureWhiteBalance(pFrame.get(), nWidth, nBytesPerLine, nHeight, eOrder, eReference)) {
+            // Each slider hands its gain to the camera at once.
+            ui->sldWBR->setValue(oGains->nRed);
+            ui->sldWBG->setValue(oGains->nGreen);
+            ui->sldWBB->setValue(oGains->nBlue);
         }
-
-        // A channel mean of 0 gives an infinite gain (limited to 2.00); 0/0 gives 0.
-        const float fAvg = (fMeanR + fMeanG + fMeanB) / 3.0f;
-        const int nPosR = qBound(0, truncToInt(fAvg / fMeanR * 100.0f), 200);
-        const int nPosG = qBound(0, truncToInt(fAvg / fMeanG * 100.0f), 200);
-        const int nPosB = qBound(0, truncToInt(fAvg / fMeanB * 100.0f), 200);
-        // Each slider hands its gain to the camera at once.
-        ui->sldWBR->setValue(nPosR);
-        ui->sldWBG->setValue(nPosG);
-        ui->sldWBB->setValue(nPosB);
     }
 
     pFrame.reset();

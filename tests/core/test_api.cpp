@@ -184,6 +184,53 @@ TEST_F(Api, LentMainImageDoesNotHoldUpSlaver)
     api->releaseImageMain(held);
 }
 
+// Main and Slaver share their code; each must still work on its own
+// configuration string, settings, region, pixel format and buffer.
+TEST_F(Api, EachCameraUsesItsOwnConfigurationAndBuffer)
+{
+    set(*api, "<PixFmt>1</PixFmt><ROI>64,48</ROI><Settings><Gain>3</Gain></Settings>");
+    std::string slaver = "<PixFmt>0</PixFmt><ROI>32,16</ROI><Settings><Gain>5</Gain></Settings>";
+    api->setConfigStringSlaver(&slaver[0]);
+    EXPECT_EQ(text(api->getConfigStringSlaver()), slaver);
+
+    auto geometry = [](int w, int b, int h) {
+        return std::to_string(w) + "x" + std::to_string(h) + ", " + std::to_string(b);
+    };
+    int w = 0, b = 0, h = 0;
+    torvanesim_log_clear();
+    ASSERT_TRUE(api->connectMain() && api->startMain());
+    EXPECT_EQ(simLogCount("set_camera_gain(3,0)"), 1);
+    EXPECT_EQ(simLogCount("set_camera_window_size(64,48,0)"), 1);
+    unsigned char* mainImage = request(&w, &b, &h);
+    ASSERT_NE(mainImage, nullptr);
+    EXPECT_EQ(geometry(w, b, h), "64x48, 192");
+    api->releaseImageMain(mainImage);
+
+    torvanesim_log_clear();
+    ASSERT_TRUE(api->connectSlaver() && api->startSlaver());
+    EXPECT_EQ(simLogCount("set_camera_gain(5,0)"), 1);
+    EXPECT_EQ(simLogCount("set_camera_window_size(32,16,0)"), 1);
+    unsigned char* slaverImage = api->requestImageSlaver(&w, &b, &h, 500);
+    ASSERT_NE(slaverImage, nullptr);
+    EXPECT_EQ(geometry(w, b, h), "32x16, 32");
+    EXPECT_NE(slaverImage, mainImage);
+    api->releaseImageSlaver(slaverImage);
+
+    slaver = "<PixFmt>0</PixFmt><ROI>32,16</ROI><Settings><Gain>6</Gain></Settings>";
+    api->setConfigStringSlaver(&slaver[0]);
+    torvanesim_log_clear();
+    EXPECT_TRUE(api->applyNewConfigSlaver());
+    EXPECT_EQ(simLogCount("set_camera_gain(6,0)"), 1);
+
+    // An empty Slaver string stops the Slaver alone from connecting.
+    api->disconnectSlaver();
+    api->setConfigStringSlaver(nullptr);
+    EXPECT_FALSE(api->connectSlaver());
+    EXPECT_EQ(text(api->getLastError()), "No config string is set.");
+    EXPECT_TRUE(api->IsConnectedMain());
+    EXPECT_NE(text(api->getConfigStringMain()), "");
+}
+
 TEST_F(Api, ApplyNewConfigReachesAStartedCamera)
 {
     set(*api, "<PixFmt>1</PixFmt><ROI>640,480</ROI>");

@@ -79,6 +79,13 @@ QString mergeConfig(const QString& strDefaults, const QString& strUser)
     return strResult;
 }
 
+QString ConfigOptions::config(const QCommandLineParser& parser, bool bSlaver, const QString& strDefault) const
+{
+    const QCommandLineOption& cOption = bSlaver ? cSlaver : cMain;
+    const QString strGiven = parser.isSet(cOption) ? parser.value(cOption) : strDefault;
+    return parser.isSet(cAsGiven) ? strGiven : mergeConfig(strDefault, strGiven);
+}
+
 QStringList pictureWarnings(const QString& strConfig)
 {
     QStringList cWarnings;

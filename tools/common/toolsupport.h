@@ -5,6 +5,9 @@
 #ifndef KAVREL_TOOLS_COMMON_TOOLSUPPORT_H
 #define KAVREL_TOOLS_COMMON_TOOLSUPPORT_H
 
+#include <QCommandLineOption>
+#include <QCommandLineParser>
+#include <QList>
 #include <QLocale>
 #include <QString>
 #include <QStringList>
@@ -17,6 +20,21 @@ namespace kavreltool {
 // written, even with an empty body: the library reads the first occurrence of
 // a tag, so a default added behind it would not count (pictureWarnings tells).
 QString mergeConfig(const QString& strDefaults, const QString& strUser);
+
+// --main, --slaver, --as-given and --print-config, which both tools take alike.
+struct ConfigOptions {
+    QCommandLineOption cMain{"main", "Configuration string of the Main camera, over the default below.", "config"};
+    QCommandLineOption cSlaver{"slaver", "Configuration string of the Slaver camera, over the default below.",
+                               "config"};
+    QCommandLineOption cAsGiven{"as-given",
+                                "Use --main and --slaver as they are, without the defaults of what they leave out."};
+    QCommandLineOption cPrint{"print-config", "Print the configuration strings the cameras get, then exit."};
+
+    QList<QCommandLineOption> all() const { return {cMain, cSlaver, cAsGiven, cPrint}; }
+    // The Main (or Slaver) camera's configuration: its option's text, else
+    // the default, merged over the default unless --as-given.
+    QString config(const QCommandLineParser& parser, bool bSlaver, const QString& strDefault) const;
+};
 
 // Settings of config that give no usable picture, read as the library reads
 // them, one English sentence each; empty when the picture should be fine.

@@ -12,11 +12,12 @@
 #include <QTextStream>
 
 #include <cstdio>
-#include <tuple>
+#include <utility>
 
 #include "api/interface.h"
 #include "camerachoice.h"
 #include "toolsupport.h"
+#include "twincamera.h"
 
 namespace {
 
@@ -31,27 +32,6 @@ const char* const kDefaultSlaver =
     "<CCDType>WebCam</CCDType><CCDPos>0</CCDPos><PixFmt>0</PixFmt><ROI>640,480</ROI><RAW>0</RAW>"
     "<Settings><Gamma>0.80</Gamma><Gain>4</Gain><Exposure>15000</Exposure>"
     "<TriggerType>Video</TriggerType></Settings><UseCUDA>0</UseCUDA>";
-
-struct Camera {
-    const char* name;
-    void (KavrelInterface::*setConfig)(char*);
-    bool (KavrelInterface::*connect)();
-    bool (KavrelInterface::*start)();
-    void (KavrelInterface::*stop)();
-    void (KavrelInterface::*disconnect)();
-    bool (KavrelInterface::*click)();
-    unsigned char* (KavrelInterface::*request)(int*, int*, int*, int);
-    void (KavrelInterface::*release)(unsigned char*);
-};
-
-const Camera kMain = {"Main", &KavrelInterface::setConfigStringMain, &KavrelInterface::connectMain,
-                      &KavrelInterface::startMain, &KavrelInterface::stopMain, &KavrelInterface::disconnectMain,
-                      &KavrelInterface::clickMain, &KavrelInterface::requestImageMain,
-                      &KavrelInterface::releaseImageMain};
-const Camera kSlaver = {"Slaver", &KavrelInterface::setConfigStringSlaver, &KavrelInterface::connectSlaver,
-                        &KavrelInterface::startSlaver, &KavrelInterface::stopSlaver,
-                        &KavrelInterface::disconnectSlaver, &KavrelInterface::clickSlaver,
-                        &KavrelInterface::requestImageSlaver, &KavrelInterface::releaseImageSlaver};
 
 QImage toImage(const unsigned char* pImage, int nWidth, int nBytesPerLine, int nHeight)
 {
@@ -75,8 +55,8 @@ void explainMissingFrames(QTextStream& out, const char* szName, const QString& s
         out << szName << ": a longer --timeout may help if the camera is slow to deliver\n";
 }
 
-bool grab(QTextStream& out, const Camera& cam, QByteArray config, int nFrames, int nTimeout, bool bTrigger,
-          const QString& strOutDir)
+bool grab(QTextStream& out, const kavreltool::TwinCamera& cam, QByteArray config, int nFrames, int nTimeout,
+          bool bTrigger, const QString& strOutDir)
 {
     KavrelInterface* api = KavrelInterface::getInstance();
     (api->*cam.setConfig)(config.data());
@@ -186,19 +166,13 @@ int main(int argc, char** argv)
                                     ".");
     const QCommandLineOption optTimeout("timeout", "Time-out of one request in milliseconds (default 1000).", "ms",
                                         "1000");
-    const QCommandLineOption optMain("main", "Configuration string of the Main camera, over the default below.",
-                                     "config");
-    const QCommandLineOption optSlaver("slaver", "Configuration string of the Slaver camera, over the default below.",
-                                       "config");
-    const QCommandLineOption optAsGiven("as-given",
-                                        "Use --main and --slaver as they are, without the defaults of what they "
-                                        "leave out.");
-    const QCommandLineOption optPrint("print-config",
-                                      "Print the configuration strings the cameras get, then exit.");
+    const kavreltool::ConfigOptions cConfigOptions;
     const QCommandLineOption optTrigger("trigger",
                                         "Fire a software trigger before each request (needed in software-trigger "
                                         "mode).");
-    parser.addOptions({optHelp, optVersion, optFrames, optOut, optTimeout, optMain, optSlaver, optAsGiven, optPrint, optTrigger});
+    parser.addOptions({optHelp, optVersion, optFrames, optOut, optTimeout});
+    parser.addOptions(cConfigOptions.all());
+    parser.addOption(optTrigger);
     parser.addOptions(kavrel_tools::cameraOptions());
     if (!parser.parse(QCoreApplication::arguments()))
         return usageError(parser.errorText());
@@ -229,12 +203,11 @@ int main(int argc, char** argv)
 
     QTextStream out(stdout);
     bool bAllGood = true;
-    for (const auto& [pCam, pOpt, szDefault] : {std::make_tuple(&kMain, &optMain, kDefaultMain),
-                                                std::make_tuple(&kSlaver, &optSlaver, kDefaultSlaver)}) {
-        QString strConfig = parser.isSet(*pOpt) ? parser.value(*pOpt) : QString::fromLatin1(szDefault);
-        if (!parser.isSet(optAsGiven))
-            strConfig = kavreltool::mergeConfig(QString::fromLatin1(szDefault), strConfig);
-        if (parser.isSet(optPrint)) {
+    for (const auto& [pCam, szDefault] : {std::make_pair(&kavreltool::kMainCamera, kDefaultMain),
+                                          std::make_pair(&kavreltool::kSlaverCamera, kDefaultSlaver)}) {
+        const QString strConfig =
+            cConfigOptions.config(parser, pCam == &kavreltool::kSlaverCamera, QString::fromLatin1(szDefault));
+        if (parser.isSet(cConfigOptions.cPrint)) {
             out << pCam->name << ": " << strConfig << "\n";
             continue;
         }

@@ -89,30 +89,21 @@ int main(int argc, char** argv)
         "as a host program would.");
     const QCommandLineOption optHelp({"h", "help"}, "Show this help and exit.");
     const QCommandLineOption optVersion("version", "Show the version and exit.");
-    const QCommandLineOption optMain("main", "Configuration string of the Main camera, over the default below.",
-                                     "config");
-    const QCommandLineOption optSlaver("slaver", "Configuration string of the Slaver camera, over the default below.",
-                                       "config");
-    const QCommandLineOption optAsGiven("as-given",
-                                        "Use --main and --slaver as they are, without the defaults of what they "
-                                        "leave out.");
-    const QCommandLineOption optPrint("print-config",
-                                      "Print the configuration strings the cameras get, then exit.");
+    const kavreltool::ConfigOptions cConfigOptions;
     const QCommandLineOption optLang("lang",
                                      "Language of the configuration dialog: \"en\" (English), or \"zh\" for its "
                                      "own Chinese texts. Default: zh where the locale is Chinese, else en.",
                                      "code");
     const QCommandLineOption optScreenshots("screenshots", "Write viewer.png and config-dialog.png into <dir>, then quit.",
                                             "dir");
-    parser.addOptions({optHelp, optVersion, optMain, optSlaver, optAsGiven, optPrint, optLang, optScreenshots});
+    parser.addOptions({optHelp, optVersion});
+    parser.addOptions(cConfigOptions.all());
+    parser.addOptions({optLang, optScreenshots});
     parser.addOptions(kavrel_tools::cameraOptions());
 
-    // The configuration each camera gets: the option's text merged over the default.
-    const QCommandLineOption* apOptions[2] = {&optMain, &optSlaver};
     const char* const aszDefaults[2] = {gszViewerDefaultMain, gszViewerDefaultSlaver};
     auto effectiveConfig = [&](int i) {
-        const QString strGiven = parser.isSet(*apOptions[i]) ? parser.value(*apOptions[i]) : aszDefaults[i];
-        return parser.isSet(optAsGiven) ? strGiven : kavreltool::mergeConfig(aszDefaults[i], strGiven);
+        return cConfigOptions.config(parser, i == 1, QString::fromLatin1(aszDefaults[i]));
     };
 
     // Help, version and --print-config need no display: answer them with a

@@ -11,6 +11,7 @@
 
 #include "api/interface.h"
 #include "toolsupport.h"
+#include "twincamera.h"
 
 // Both cameras of the simulated SDK share one sensor window, so both defaults
 // ask for the same image size: Main in colour, Slaver in grey.
@@ -126,9 +127,19 @@ CameraPanel::CameraPanel(Which eWhich, const QByteArray& cConfig, QWidget* paren
     updateButtons();
 }
 
+const kavreltool::TwinCamera& CameraPanel::twin() const
+{
+    return m_eWhich == Main ? kavreltool::kMainCamera : kavreltool::kSlaverCamera;
+}
+
 QString CameraPanel::name() const
 {
-    return m_eWhich == Main ? "Main" : "Slaver";
+    return twin().name;
+}
+
+bool CameraPanel::isStarted() const
+{
+    return (m_pApi->*twin().isStarted)();
 }
 
 QString CameraPanel::configText() const
@@ -148,7 +159,7 @@ void CameraPanel::setStatus(const QString& strStatus)
 
 void CameraPanel::updateButtons()
 {
-    const bool bStarted = m_eWhich == Main ? m_pApi->IsStartedMain() : m_pApi->IsStartedSlaver();
+    const bool bStarted = isStarted();
     m_pRun->setText(bStarted ? "Stop" : "Start");
     m_pTrigger->setEnabled(bStarted);
 }
@@ -156,16 +167,10 @@ void CameraPanel::updateButtons()
 bool CameraPanel::startCamera()
 {
     QByteArray cConfig = local8(configText());
-    bool bOk = false;
-    if (m_eWhich == Main) {
-        m_pApi->setConfigStringMain(cConfig.data());
-        m_pApi->disconnectMain();
-        bOk = m_pApi->connectMain() && m_pApi->startMain();
-    } else {
-        m_pApi->setConfigStringSlaver(cConfig.data());
-        m_pApi->disconnectSlaver();
-        bOk = m_pApi->connectSlaver() && m_pApi->startSlaver();
-    }
+    const kavreltool::TwinCamera& cam = twin();
+    (m_pApi->*cam.setConfig)(cConfig.data());
+    (m_pApi->*cam.disconnect)();
+    const bool bOk = (m_pApi->*cam.connect)() && (m_pApi->*cam.start)();
     // Settings that give no picture are the library's designed behaviour; say so
     // rather than show black or white panels without a word.
     const QStringList cWarnings = kavreltool::pictureWarnings(configText());
@@ -182,13 +187,8 @@ bool CameraPanel::startCamera()
 
 void CameraPanel::stopCamera()
 {
-    if (m_eWhich == Main) {
-        m_pApi->stopMain();
-        m_pApi->disconnectMain();
-    } else {
-        m_pApi->stopSlaver();
-        m_pApi->disconnectSlaver();
-    }
+    (m_pApi->*twin().stop)();
+    (m_pApi->*twin().disconnect)();
     setStatus("stopped");
     updateButtons();
 }
@@ -198,26 +198,20 @@ void CameraPanel::poll(int nTimeoutMs)
     // While the dialog runs the device is the dialog's.
     if (m_bInDialog)
         return;
-    const bool bStarted = m_eWhich == Main ? m_pApi->IsStartedMain() : m_pApi->IsStartedSlaver();
-    if (!bStarted)
+    if (!isStarted())
         return;
 
     int nWidth = 0;
     int nBytesPerLine = 0;
     int nHeight = 0;
-    unsigned char* pImage = m_eWhich == Main
-                                ? m_pApi->requestImageMain(&nWidth, &nBytesPerLine, &nHeight, nTimeoutMs)
-                                : m_pApi->requestImageSlaver(&nWidth, &nBytesPerLine, &nHeight, nTimeoutMs);
+    unsigned char* pImage = (m_pApi->*twin().request)(&nWidth, &nBytesPerLine, &nHeight, nTimeoutMs);
     if (pImage == nullptr)
         return;
     // Colour frames come in B, G, R order; copy before the buffer goes back.
     const QImage::Format eFormat =
         kavreltool::isColourImage(nWidth, nBytesPerLine) ? QImage::Format_BGR888 : QImage::Format_Grayscale8;
     const QImage cImage = QImage(pImage, nWidth, nHeight, nBytesPerLine, eFormat).copy();
-    if (m_eWhich == Main)
-        m_pApi->releaseImageMain(pImage);
-    else
-        m_pApi->releaseImageSlaver(pImage);
+    (m_pApi->*twin().release)(pImage);
 
     m_pView->setImage(cImage);
     ++m_nFramesShown;
@@ -239,8 +233,7 @@ void CameraPanel::configure()
     emit dialogOpened();
     // Modal: returns when the operator closes the dialog. A running camera is
     // restarted by the library with its stored configuration, not the result.
-    const char* szResult = m_eWhich == Main ? m_pApi->showConfigWindowMain(cConfig.data())
-                                            : m_pApi->showConfigWindowSlaver(cConfig.data());
+    const char* szResult = (m_pApi->*twin().showConfigWindow)(cConfig.data());
     // The result lives in the library's shared text buffer: copy it at once.
     const QString strResult = QString::fromUtf8(szResult ? szResult : "");
     m_bInDialog = false;
@@ -264,14 +257,8 @@ void CameraPanel::adopt()
 void CameraPanel::apply()
 {
     QByteArray cConfig = local8(configText());
-    bool bOk = false;
-    if (m_eWhich == Main) {
-        m_pApi->setConfigStringMain(cConfig.data());
-        bOk = m_pApi->applyNewConfigMain();
-    } else {
-        m_pApi->setConfigStringSlaver(cConfig.data());
-        bOk = m_pApi->applyNewConfigSlaver();
-    }
+    (m_pApi->*twin().setConfig)(cConfig.data());
+    const bool bOk = (m_pApi->*twin().applyNewConfig)();
     setStatus(bOk ? QString("configuration applied to the running camera")
                   : QString("not applied (the camera must be started): %1")
                         .arg(QString::fromUtf8(m_pApi->getLastError())));
@@ -279,8 +266,7 @@ void CameraPanel::apply()
 
 void CameraPanel::toggleRun()
 {
-    const bool bStarted = m_eWhich == Main ? m_pApi->IsStartedMain() : m_pApi->IsStartedSlaver();
-    if (bStarted)
+    if (isStarted())
         stopCamera();
     else
         startCamera();
@@ -288,7 +274,7 @@ void CameraPanel::toggleRun()
 
 void CameraPanel::trigger()
 {
-    const bool bOk = m_eWhich == Main ? m_pApi->clickMain() : m_pApi->clickSlaver();
+    const bool bOk = (m_pApi->*twin().click)();
     if (!bOk)
         setStatus(QString("trigger failed: %1").arg(QString::fromUtf8(m_pApi->getLastError())));
 }

@@ -10,6 +10,9 @@
 #include <QWidget>
 
 class KavrelInterface;
+namespace kavreltool {
+struct TwinCamera;
+}
 class QLabel;
 class QPlainTextEdit;
 class QPushButton;
@@ -63,7 +66,10 @@ private slots:
     void trigger();
 
 private:
+    // The Main or the Slaver set of the library's operations.
+    const kavreltool::TwinCamera& twin() const;
     QString name() const;
+    bool isStarted() const;
     void setStatus(const QString& strStatus);
     void updateButtons();
 
