@@ -16,7 +16,7 @@ namespace {
 // being unlocked, so a state change to NULL never waits for a whole time-out.
 const int kRequestSliceMs = 50;
 const int kDefaultTimeoutMs = 5000;
-const int kPoolMinBuffers = 2;
+const int kPoolMinBuffers = 1;
 
 const char kDefaultConfig[] =
     "<CCDPos>0</CCDPos><PixFmt>1</PixFmt><ROI>0,0</ROI>"
