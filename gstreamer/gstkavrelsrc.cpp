@@ -53,6 +53,7 @@ struct _GstKavrelSrc {
     // Streaming state, set by start/negotiate, read by fill.
     GstKavrelCamera eActiveCamera;
     std::string* pConfig;        // the configuration the element started with
+    std::string* pApplied;       // the one negotiation last handed to the camera
     bool bTriggerActive;
     bool bSoftTriggerMode;       // the configuration asks for software triggers
     gint nTimeoutActive;
@@ -338,6 +339,7 @@ static void gst_kavrel_src_finalize(GObject* object)
     GstKavrelSrc* self = GST_KAVREL_SRC(object);
     g_free(self->pszConfig);
     delete self->pConfig;
+    delete self->pApplied;
     gst_buffer_replace(&self->pHeld, nullptr);
     G_OBJECT_CLASS(gst_kavrel_src_parent_class)->finalize(object);
 }
@@ -416,10 +418,24 @@ static gboolean gst_kavrel_src_negotiate(GstBaseSrc* src)
     }
     GST_DEBUG_OBJECT(self, "format %s, size %d x %d (0: the sensor's)", cChoice.pszFormat, cChoice.nWidth,
                      cChoice.nHeight);
-    if (!openCamera(self, kavrel_gst_config_for(cChoice, *self->pConfig), true)) {
+    const std::string strApplied = kavrel_gst_config_for(cChoice, *self->pConfig);
+    if (self->bStarted && self->bInfoValid && strApplied == *self->pApplied) {
+        // A reconfigure that changes nothing (a display's window, say) keeps
+        // the camera running and the caps as they are, if still accepted.
+        GstCaps* pCurrent = gst_video_info_to_caps(&self->cInfo);
+        if (gst_caps_can_intersect(pCurrent, pPeer)) {
+            gst_caps_unref(pPeer);
+            const gboolean bSet = gst_base_src_set_caps(src, pCurrent);
+            gst_caps_unref(pCurrent);
+            return bSet;
+        }
+        gst_caps_unref(pCurrent);
+    }
+    if (!openCamera(self, strApplied, true)) {
         gst_caps_unref(pPeer);
         return FALSE;
     }
+    *self->pApplied = strApplied;
     self->bSwapRB = cChoice.bSwapRB;
 
     int nWidth = cChoice.nWidth;
@@ -678,6 +694,7 @@ static void gst_kavrel_src_init(GstKavrelSrc* self)
     self->bTrigger = FALSE;
     self->eActiveCamera = GST_KAVREL_CAMERA_MAIN;
     self->pConfig = new std::string();
+    self->pApplied = new std::string();
     self->bTriggerActive = false;
     self->bSoftTriggerMode = false;
     self->nTimeoutActive = kDefaultTimeoutMs;

@@ -223,6 +223,37 @@ GST_START_TEST(caps_prefer_the_configuration_and_grey_frames_match_a_grey_sensor
 }
 GST_END_TEST;
 
+GST_START_TEST(a_reconfigure_that_changes_nothing_keeps_the_camera_running)
+{
+    resetCamera(0);
+    GstHarness* h = gst_harness_new("kavrelsrc");
+    gst_harness_set_sink_caps_str(h, "video/x-raw,format=BGR,width=320,height=240");
+    gst_harness_play(h);
+    gst_buffer_unref(gst_harness_pull(h));
+    const int nInits = torvanesim_init_calls();
+    fail_unless(gst_harness_push_upstream_event(h, gst_event_new_reconfigure()));
+    for (int i = 0; i < 3; ++i)
+        gst_buffer_unref(gst_harness_pull(h));
+    fail_unless_equals_int(torvanesim_init_calls(), nInits);
+
+    // New caps downstream: the camera is reopened with the new size.
+    gst_harness_set_sink_caps_str(h, "video/x-raw,format=BGR,width=160,height=120");
+    fail_unless(gst_harness_push_upstream_event(h, gst_event_new_reconfigure()));
+    GstBuffer* buf = nullptr;
+    for (int i = 0; i < 10; ++i) {
+        buf = gst_harness_pull(h);
+        if (gst_buffer_get_size(buf) == 160 * 120 * 3)
+            break;
+        gst_buffer_unref(buf);
+        buf = nullptr;
+    }
+    fail_unless(buf != nullptr, "no 160 x 120 frame after the reconfigure");
+    gst_buffer_unref(buf);
+    fail_unless(torvanesim_init_calls() > nInits);
+    gst_harness_teardown(h);
+}
+GST_END_TEST;
+
 GST_START_TEST(a_size_the_camera_refuses_is_an_error_message)
 {
     resetCamera(0);
@@ -406,6 +437,7 @@ static Suite* kavrelsrc_suite(void)
     tcase_add_test(tc, every_pixfmt_code_is_named_by_what_the_library_delivers);
     tcase_add_test(tc, caps_choose_format_and_size);
     tcase_add_test(tc, caps_prefer_the_configuration_and_grey_frames_match_a_grey_sensor);
+    tcase_add_test(tc, a_reconfigure_that_changes_nothing_keeps_the_camera_running);
     tcase_add_test(tc, a_size_the_camera_refuses_is_an_error_message);
     tcase_add_test(tc, num_buffers_offsets_and_increasing_frames_in_video_mode);
     tcase_add_test(tc, software_trigger_one_frame_per_trigger);
