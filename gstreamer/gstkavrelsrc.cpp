@@ -461,7 +461,18 @@ static gboolean gst_kavrel_src_negotiate(GstBaseSrc* src)
     }
 
     GstVideoInfo cInfo;
-    gst_video_info_set_format(&cInfo, gst_video_format_from_string(cChoice.pszFormat), guint(nWidth), guint(nHeight));
+    if (nWidth <= 0 || nHeight <= 0 ||
+        !gst_video_info_set_format(&cInfo, gst_video_format_from_string(cChoice.pszFormat), guint(nWidth),
+                                   guint(nHeight))) {
+        if (pImage)
+            (api()->*ops(self->eActiveCamera).release)(pImage);
+        gst_caps_unref(pPeer);
+        GST_ELEMENT_ERROR(self, STREAM, FORMAT,
+                          ("The %s camera delivered an image of %d x %d, which GStreamer cannot describe",
+                           cameraName(self->eActiveCamera), nWidth, nHeight),
+                          (nullptr));
+        return FALSE;
+    }
     GST_VIDEO_INFO_FPS_N(&cInfo) = 0;
     GST_VIDEO_INFO_FPS_D(&cInfo) = 1;
     GstCaps* pCaps = gst_video_info_to_caps(&cInfo);
