@@ -274,6 +274,7 @@ vendor's library. Programs use it with LD_LIBRARY_PATH set to that
 folder; the kavrel-tools programs find it by themselves.")
 
 include(${CMAKE_CURRENT_LIST_DIR}/KavrelV4l2Package.cmake)
+include(${CMAKE_CURRENT_LIST_DIR}/KavrelGstPackage.cmake)
 
 # Copyright file and changelog in share/doc/<package> of every package.
 set(KAVREL_COPYRIGHT_YEARS 2026)

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: LGPL-2.1-or-later
-# Prepares an armhf (arm-linux-gnueabihf) sysroot with Qt 5, GoogleTest and
-# Google Benchmark taken from Debian's armhf packages, and prints its path.
+# Prepares an armhf (arm-linux-gnueabihf) sysroot with Qt 5, GoogleTest,
+# Google Benchmark and GStreamer taken from Debian's armhf packages, and prints
+# its path.
 #
 # The packages are resolved by apt with a private state directory (its own
 # package lists, an empty dpkg status, APT::Architecture=armhf), downloaded,
@@ -44,6 +45,8 @@ packages=(
   # Peers of the armhf cost measurement (scripts/arm-cost.sh), same frames.
   libyuv-dev
   libopencv-imgproc-dev
+  libgstreamer1.0-dev
+  libgstreamer-plugins-base1.0-dev
 )
 
 force=0

@@ -5,8 +5,11 @@
 # Usage: install-deps.sh [SET...]   (default: run)
 #   run      building the library and its tools
 #   package  run, plus what the Debian packages need: help2man (manual pages),
-#            Doxygen (API reference), lintian (the packages' check)
-#   test     package, plus the test, benchmark and fuzzing tools
+#            Doxygen (API reference), lintian (the packages' check),
+#            GStreamer's development packages (the plugin)
+#   test     package, plus the test, benchmark and fuzzing tools, and the
+#            programs the GStreamer plugin is tested in (gst-launch-1.0,
+#            gst-discoverer-1.0, its encoders and muxers, Debian's OpenCV)
 #   lint     lintian alone (scripts/lint-packages.sh)
 #   sysroot  Debian's archive keyring (scripts/armhf-sysroot.sh)
 #   armhf    sysroot, plus the cross compiler, qemu-user and the build
@@ -25,8 +28,14 @@ sysroot=(debian-archive-keyring)
 # they come from its own Qt packages; what the target links is in the sysroot.
 armhf=("${sysroot[@]}" crossbuild-essential-armhf qemu-user cmake make pkg-config
        qtbase5-dev-tools qttools5-dev-tools)
-package=("${run[@]}" "${docs[@]}" "${lint[@]}")
-test=("${package[@]}" libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-dev)
+# The plugin (libgstreamer1.0-dev carries the check library too), and the
+# programs and elements its tests run it in.
+gstreamer_dev=(libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev)
+gstreamer_clients=(gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-base-apps
+                   gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly python3-opencv)
+package=("${run[@]}" "${docs[@]}" "${lint[@]}" "${gstreamer_dev[@]}")
+test=("${package[@]}" libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-dev
+      "${gstreamer_clients[@]}")
 vivid=(qemu-system-x86 busybox-static kmod cpio)
 
 [ $# -gt 0 ] || set -- run

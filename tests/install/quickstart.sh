@@ -50,7 +50,7 @@ case $scenario in
     # The README's apt-get asks before it installs; answer yes here.
     printf 'APT::Get::Assume-Yes "true";\n' > "$scratch/apt.conf"
     export APT_CONFIG="$scratch/apt.conf" DEBIAN_FRONTEND=noninteractive
-    ours="libkavrel1 libkavrel-dev kavrel-tools kavrel-camera-sim"
+    ours="libkavrel1 libkavrel-dev kavrel-tools kavrel-camera-sim gstreamer1.0-kavrel"
     before=$(dpkg-query -W -f='${Package} ${Status}\n' $ours 2>/dev/null | grep -c ' installed$' || true)
     if [ "$before" = 0 ]; then
       trap 'apt-get purge -y -qq $ours >/dev/null 2>&1 || true; rm -rf "$scratch"' EXIT
@@ -75,5 +75,19 @@ runs=$(grep -c '^Main: [0-9]* x [0-9]*, [0-9]* bytes per line$' "$scratch/log" |
 if [ "$runs" -lt 2 ]; then
   echo "quickstart: the host ran $runs times with an image; expected 2 (CMake and pkg-config)" >&2
   exit 1
+fi
+if [ "$scenario" = packages ]; then
+  # The GStreamer plugin where GStreamer looks by itself, found by a user
+  # whose registry is new (HOME is fresh) and who set no plugin path.
+  command -v gst-inspect-1.0 >/dev/null ||
+    { echo "quickstart: gst-inspect-1.0 is missing (gstreamer1.0-tools; scripts/install-deps.sh test)" >&2; exit 1; }
+  if ! env -u GST_PLUGIN_PATH -u GST_REGISTRY gst-inspect-1.0 kavrelsrc > "$scratch/inspect" 2>&1 ||
+     ! grep -q 'Kavrel camera source' "$scratch/inspect"; then
+    cat "$scratch/inspect"
+    echo "quickstart: gst-inspect-1.0 does not find kavrelsrc after installing the packages" >&2
+    exit 1
+  fi
+  grep -E '^  (Filename|Version) ' "$scratch/inspect"
+  echo "quickstart: gst-inspect-1.0 finds kavrelsrc"
 fi
 echo "quickstart: $scenario passed"
