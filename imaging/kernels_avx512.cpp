@@ -589,7 +589,7 @@ void yuvToGrayBest(int nType, const unsigned char* pSrc, unsigned char* pDst, st
 } // namespace
 
 const PixelKernels kKernels = {
-    "avx512vbmi", yuvToBgrBest, yuvToGrayBest, bgrToGrayBest, expand3, avx2::swapRB, lutCopy, grey3To1Best,
+    "avx512-vnni", yuvToBgrBest, yuvToGrayBest, bgrToGrayBest, expand3, avx2::swapRB, lutCopy, grey3To1Best,
 };
 
 } // namespace avx512
