@@ -44,6 +44,13 @@ static_assert(div250Holds(), "the multiply-high does not divide by 250");
 // S / 8 = P + t / 8 <= 31875 fits 16 bits, and S / 1000 = (S / 8) / 125.
 constexpr int kPg = 73, kPr = 37, kPb = 14, kTg = 3, kTr = 3, kTb = 2;
 static_assert(8 * kPg + kTg == 587 && 8 * kPr + kTr == 299 && 8 * kPb + kTb == 114, "S = 8 P + t");
+// Byte dot products of a pixel (byte 0, byte 1, byte 2, byte 1) as dwords:
+// the coefficient bytes (b, g, r, 0).
+constexpr unsigned coeffBytes(int c0, int c1, int c2)
+{
+    return static_cast<unsigned>(c0 & 0xFF) | static_cast<unsigned>(c1 & 0xFF) << 8 | static_cast<unsigned>(c2 & 0xFF) << 16;
+}
+constexpr unsigned kPBytes = coeffBytes(kPb, kPg, kPr), kTBytes = coeffBytes(kTb, kTg, kTr);
 // S is a multiple of 1000 exactly when t % 8 == 0 and S / 8 == 125 q.
 constexpr unsigned kDiv125Mul = 33555, kDiv125Shift = 6;
 constexpr bool div125Holds()
@@ -59,6 +66,7 @@ static_assert(div125Holds(), "the multiply-high does not divide by 125");
 // + 3 b0, an integer <= 5100. Unless t is a multiple of 20 the truncated
 // result is t / 20 whatever the rounding; multiples may give one less.
 constexpr int kD0 = 3, kD1 = 12, kD2 = 5;
+constexpr unsigned kDBytes = coeffBytes(kD0, kD1, kD2);
 // (x * kDiv20Mul) >> 16 is x / 20 for every x up to 16383 (t, and b0 when a
 // table entry holds one bit per b0 / 20).
 constexpr unsigned kDiv20Mul = 3277;

@@ -73,12 +73,11 @@ inline __m256i load3To4x8(const unsigned char* p)
                                                    4, 5, 6, 5, 7, 8, 9, 8, 10, 11, 12, 11, 13, 14, 15, 14));
 }
 
-// c0 * b0 + c1 * b1 + c2 * b2 of 8 pixels from load3To4x8 (coefficients
-// within a signed byte, pair sums within 16 bits).
-inline __m256i dot3(__m256i px, int c0, int c1, int c2)
+// The byte dot product (kc::coeffBytes) of 8 pixels from load3To4x8
+// (coefficients within a signed byte, pair sums within 16 bits).
+inline __m256i dot3(__m256i px, unsigned nCoeffs)
 {
-    const unsigned k = (c0 & 0xFF) | (c1 & 0xFF) << 8 | (c2 & 0xFF) << 16;
-    return _mm256_madd_epi16(_mm256_maddubs_epi16(px, set32(k)), _mm256_set1_epi16(1));
+    return _mm256_madd_epi16(_mm256_maddubs_epi16(px, set32(nCoeffs)), _mm256_set1_epi16(1));
 }
 
 // Two vectors of 16 words (values or masks) as 32 bytes in pixel order, from
@@ -89,10 +88,11 @@ inline __m256i packPixels(__m256i a, __m256i b, bool bMask)
                                        _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7));
 }
 
-// Both greys of 3-byte pixels, 32 per pass: quotients(px, exact) gives the
-// exact quotients as bytes and the lanes where the rule may give one less.
-// Few such lanes (noise) are fixed one by one from a table; with more, grey
-// pixels (a grey picture) are first answered by value.
+// Both greys of 3-byte pixels, 32 per pass: quotients(a, b, e) gives the
+// exact quotients of two vectors of pixels as words, and in e the lanes where
+// the rule may give one less. Few such lanes (noise) are fixed one by one
+// from a table; with more, grey pixels (a grey picture) are first answered
+// by value.
 template <typename Quotients, typename OneLess>
 void greyOf3(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, const unsigned char* greyValues,
              Quotients quotients, OneLess oneLess, void (*tail)(const unsigned char*, unsigned char*, std::size_t))
@@ -103,8 +103,11 @@ void greyOf3(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, cons
         __m256i px[4];
         for (int k = 0; k < 4; ++k)
             px[k] = load3To4x8(pSrc + 24 * k);
-        __m256i exact;
-        __m256i bytes = quotients(px, exact);
+        __m256i q[2], e[2];
+        for (int h = 0; h < 2; ++h)
+            q[h] = quotients(px[2 * h], px[2 * h + 1], e[h]);
+        __m256i bytes = packPixels(q[0], q[1], false);
+        const __m256i exact = packPixels(e[0], e[1], true);
         unsigned lanes = static_cast<unsigned>(_mm256_movemask_epi8(exact));
         if (__builtin_popcount(lanes) > kc::kFewExactLanes) {
             // (b0 - b1) + 512 (b2 - b1) is zero exactly for grey pixels.
@@ -276,25 +279,14 @@ void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
     // 125 q (q < 256) by a byte multiply-add: GCC turns a multiply by the
     // constant into four shifts and adds.
     const __m256i div125 = _mm256_set1_epi16(static_cast<short>(kc::kDiv125Mul)), k125 = _mm256_set1_epi16(125);
-    auto quotients = [&](const __m256i (&px)[4], __m256i& exact) {
-        __m256i s8[2], t7[2];
-        for (int h = 0; h < 2; ++h) {
-            __m256i s[2], t[2];
-            for (int k = 0; k < 2; ++k) {
-                t[k] = dot3(px[2 * h + k], kc::kTb, kc::kTg, kc::kTr);
-                s[k] = _mm256_add_epi32(dot3(px[2 * h + k], kc::kPb, kc::kPg, kc::kPr), _mm256_srli_epi32(t[k], 3));
-            }
-            s8[h] = _mm256_packs_epi32(s[0], s[1]);
-            t7[h] = _mm256_and_si256(_mm256_packs_epi32(t[0], t[1]), _mm256_set1_epi16(7));
-        }
-        __m256i q[2], e[2];
-        for (int h = 0; h < 2; ++h) {
-            q[h] = _mm256_srli_epi16(_mm256_mulhi_epu16(s8[h], div125), kc::kDiv125Shift);
-            e[h] = _mm256_and_si256(_mm256_cmpeq_epi16(_mm256_maddubs_epi16(q[h], k125), s8[h]),
-                                    _mm256_cmpeq_epi16(t7[h], _mm256_setzero_si256()));
-        }
-        exact = packPixels(e[0], e[1], true);
-        return packPixels(q[0], q[1], false);
+    auto quotients = [&](__m256i a, __m256i b, __m256i& e) {
+        const __m256i ta = dot3(a, kc::kTBytes), tb = dot3(b, kc::kTBytes);
+        const __m256i s8 = _mm256_packs_epi32(_mm256_add_epi32(dot3(a, kc::kPBytes), _mm256_srli_epi32(ta, 3)),
+                                              _mm256_add_epi32(dot3(b, kc::kPBytes), _mm256_srli_epi32(tb, 3)));
+        const __m256i q = _mm256_srli_epi16(_mm256_mulhi_epu16(s8, div125), kc::kDiv125Shift);
+        const __m256i t7 = _mm256_and_si256(_mm256_packs_epi32(ta, tb), _mm256_set1_epi16(7));
+        e = _mm256_and_si256(_mm256_cmpeq_epi16(_mm256_maddubs_epi16(q, k125), s8), _mm256_cmpeq_epi16(t7, _mm256_setzero_si256()));
+        return q;
     };
     greyOf3(pSrc, pDst, n, x86::greyOfGrey().weighted, quotients,
             [fix](const unsigned char* p) { return fix[p[1] * 256 + p[2]]; }, scalar::kKernels.bgrToGray);
@@ -305,16 +297,11 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
     const unsigned short* fix = scalar::grey3FixEntries();
     const __m256i div20 = _mm256_set1_epi16(static_cast<short>(kc::kDiv20Mul)), k20 = _mm256_set1_epi16(20);
-    auto quotients = [&](const __m256i (&px)[4], __m256i& exact) {
-        __m256i q[2], e[2];
-        for (int h = 0; h < 2; ++h) {
-            const __m256i t = _mm256_packs_epi32(dot3(px[2 * h], kc::kD0, kc::kD1, kc::kD2),
-                                                 dot3(px[2 * h + 1], kc::kD0, kc::kD1, kc::kD2));
-            q[h] = _mm256_mulhi_epu16(t, div20);
-            e[h] = _mm256_cmpeq_epi16(_mm256_mullo_epi16(q[h], k20), t);
-        }
-        exact = packPixels(e[0], e[1], true);
-        return packPixels(q[0], q[1], false);
+    auto quotients = [&](__m256i a, __m256i b, __m256i& e) {
+        const __m256i t = _mm256_packs_epi32(dot3(a, kc::kDBytes), dot3(b, kc::kDBytes));
+        const __m256i q = _mm256_mulhi_epu16(t, div20);
+        e = _mm256_cmpeq_epi16(_mm256_mullo_epi16(q, k20), t);
+        return q;
     };
     greyOf3(pSrc, pDst, n, x86::greyOfGrey().driver, quotients,
             [fix](const unsigned char* p) { return (fix[p[1] * 256 + p[2]] >> (p[0] / 20)) & 1; },

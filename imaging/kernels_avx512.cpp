@@ -99,8 +99,9 @@ inline __mmask64 packMask(__mmask32 a, __mmask32 b)
     return _mm512_movepi8_mask(_mm512_permutexvar_epi32(packOrder(), _mm512_packs_epi16(_mm512_movm_epi16(a), _mm512_movm_epi16(b))));
 }
 
-// Both greys of 3-byte pixels, 64 per pass: quotients(px, e) gives the exact
-// quotients as bytes and the lanes where the rule may give one less.
+// Both greys of 3-byte pixels, 64 per pass: quotients(a, b, e) gives the
+// exact quotients of two vectors of pixels as words, and in e the lanes where
+// the rule may give one less.
 // Few such lanes (noise) are fixed one by one from a table; with more, grey
 // pixels are answered by value. After an all-grey block the next one first
 // tries the cheap all-grey test, so grey pictures skip the arithmetic and
@@ -131,8 +132,11 @@ void greyOf3(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, cons
         }
         const __m512i px[4] = {_mm512_permutexvar_epi8(spread[0], x[0]), _mm512_permutex2var_epi8(x[0], spread[1], x[1]),
                                _mm512_permutex2var_epi8(x[1], spread[2], x[2]), _mm512_permutexvar_epi8(spread[3], x[2])};
+        __m512i q[2];
         __mmask32 e[2];
-        __m512i bytes = quotients(px, e);
+        for (int h = 0; h < 2; ++h)
+            q[h] = quotients(px[2 * h], px[2 * h + 1], e[h]);
+        __m512i bytes = pack64(q[0], q[1]);
         __mmask64 exact = (e[0] | e[1]) != 0 ? packMask(e[0], e[1]) : 0;
         if (__builtin_popcountll(exact) > kc::kFewExactLanes) {
             // Grey pixels: (b0, b1, b2, b1) equal to itself rotated by a byte.
@@ -154,24 +158,18 @@ void greyOf3(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, cons
 void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
     const unsigned char* fix = scalar::weightedFixEntries();
-    const __m512i kP = set32(kc::kPb | kc::kPg << 8 | kc::kPr << 16), kT = set32(kc::kTb | kc::kTg << 8 | kc::kTr << 16);
+    const __m512i kP = set32(kc::kPBytes), kT = set32(kc::kTBytes);
     const __m512i div125 = _mm512_set1_epi16(static_cast<short>(kc::kDiv125Mul)), k125 = _mm512_set1_epi16(125);
     // 125 q (q < 256) by a byte multiply-add: GCC turns a multiply by the
     // constant into four shifts and adds.
-    auto quotients = [&](const __m512i (&px)[4], __mmask32 (&e)[2]) {
-        __m512i q[2];
-        for (int h = 0; h < 2; ++h) {
-            __m512i s[2], t[2];
-            for (int k = 0; k < 2; ++k) {
-                t[k] = _mm512_dpbusd_epi32(_mm512_setzero_si512(), px[2 * h + k], kT);
-                s[k] = _mm512_dpbusd_epi32(_mm512_srli_epi32(t[k], 3), px[2 * h + k], kP);
-            }
-            const __m512i s8 = _mm512_packs_epi32(s[0], s[1]), t7 = _mm512_packs_epi32(t[0], t[1]);
-            q[h] = _mm512_srli_epi16(_mm512_mulhi_epu16(s8, div125), kc::kDiv125Shift);
-            e[h] = _mm512_mask_cmpeq_epi16_mask(_mm512_testn_epi16_mask(t7, _mm512_set1_epi16(7)),
-                                                _mm512_maddubs_epi16(q[h], k125), s8);
-        }
-        return pack64(q[0], q[1]);
+    auto quotients = [&](__m512i a, __m512i b, __mmask32& e) {
+        const __m512i z = _mm512_setzero_si512(), ta = _mm512_dpbusd_epi32(z, a, kT), tb = _mm512_dpbusd_epi32(z, b, kT);
+        const __m512i s8 = _mm512_packs_epi32(_mm512_dpbusd_epi32(_mm512_srli_epi32(ta, 3), a, kP),
+                                              _mm512_dpbusd_epi32(_mm512_srli_epi32(tb, 3), b, kP));
+        const __m512i q = _mm512_srli_epi16(_mm512_mulhi_epu16(s8, div125), kc::kDiv125Shift);
+        e = _mm512_mask_cmpeq_epi16_mask(_mm512_testn_epi16_mask(_mm512_packs_epi32(ta, tb), _mm512_set1_epi16(7)),
+                                         _mm512_maddubs_epi16(q, k125), s8);
+        return q;
     };
     greyOf3(pSrc, pDst, n, x86::greyOfGrey().weighted, quotients,
             [fix](const unsigned char* p) { return fix[p[1] * 256 + p[2]]; }, avx2::bgrToGray);
@@ -181,17 +179,14 @@ void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
     const unsigned short* fix = scalar::grey3FixEntries();
-    const __m512i kT = set32(kc::kD0 | kc::kD1 << 8 | kc::kD2 << 16);
+    const __m512i kT = set32(kc::kDBytes);
     const __m512i div20 = _mm512_set1_epi16(static_cast<short>(kc::kDiv20Mul)), k20 = _mm512_set1_epi16(20);
-    auto quotients = [&](const __m512i (&px)[4], __mmask32 (&e)[2]) {
-        __m512i q[2];
-        for (int h = 0; h < 2; ++h) {
-            const __m512i t = _mm512_packs_epi32(_mm512_dpbusd_epi32(_mm512_setzero_si512(), px[2 * h], kT),
-                                                 _mm512_dpbusd_epi32(_mm512_setzero_si512(), px[2 * h + 1], kT));
-            q[h] = _mm512_mulhi_epu16(t, div20);
-            e[h] = _mm512_cmpeq_epi16_mask(_mm512_mullo_epi16(q[h], k20), t);
-        }
-        return pack64(q[0], q[1]);
+    auto quotients = [&](__m512i a, __m512i b, __mmask32& e) {
+        const __m512i z = _mm512_setzero_si512();
+        const __m512i t = _mm512_packs_epi32(_mm512_dpbusd_epi32(z, a, kT), _mm512_dpbusd_epi32(z, b, kT));
+        const __m512i q = _mm512_mulhi_epu16(t, div20);
+        e = _mm512_cmpeq_epi16_mask(_mm512_mullo_epi16(q, k20), t);
+        return q;
     };
     greyOf3(pSrc, pDst, n, x86::greyOfGrey().driver, quotients,
             [fix](const unsigned char* p) { return (fix[p[1] * 256 + p[2]] >> (p[0] / 20)) & 1; }, avx2::grey3To1);
