@@ -4,6 +4,7 @@
 
 #include "bench/benchsummary.h"
 #include "imaging/convertreference.h"
+#include "imaging/framekernels.h"
 #include "imaging/globalfunction.h"
 
 #include <benchmark/benchmark.h>
@@ -169,6 +170,23 @@ void registerConversionBenchmarks()
 #ifdef KAVREL_BENCH_LIBYUV
     add("Gray8_To_Gray8Aligned", "libyuv", [](Images& i) { libyuv::CopyPlane(i.src.data(), i.w, i.dst.data(), i.w, i.w, i.h); });
 #endif
+
+    // The driver's frame pass on noise (the request path's own cases use the
+    // simulated camera's picture, half of it grey), beside the two copies the
+    // request path needs: the frame's bytes and the image's bytes.
+    const std::string grey3 = "Frame grey from 3-byte pixels (noise)", expand = "Frame 1-to-3 expansion (noise)";
+    add(grey3, "kavrel", [](Images& i) { kavrel::transferGrey3To1(i.src.data(), i.dst.data(), static_cast<size_t>(i.w) * i.h, nullptr); });
+    add(grey3, "memcpy x2", [](Images& i) {
+        const size_t n = static_cast<size_t>(i.w) * i.h;
+        std::memcpy(i.mid.data(), i.src.data(), 3 * n);
+        std::memcpy(i.dst.data(), i.mid.data(), n);
+    });
+    add(expand, "kavrel", [](Images& i) { kavrel::transferExpand3(i.src.data(), i.dst.data(), static_cast<size_t>(i.w) * i.h, nullptr); });
+    add(expand, "memcpy x2", [](Images& i) {
+        const size_t n = static_cast<size_t>(i.w) * i.h;
+        std::memcpy(i.mid.data(), i.src.data(), n);
+        std::memcpy(i.dst.data(), i.mid.data(), 3 * n);
+    });
 
     // Ours works in place; the others write a second buffer.
     add("Exg_RB", "kavrel", [](Images& i) { GF::Exg_RB(i.src.data(), i.w, i.h); });

@@ -5,6 +5,7 @@
 // best other library, or the memcpy floor.
 
 #include "bench/benchsummary.h"
+#include "imaging/convertkernels.h"
 
 #include <benchmark/benchmark.h>
 
@@ -16,6 +17,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <map>
 #include <string>
 #include <vector>
@@ -159,6 +162,20 @@ int main(int argc, char** argv)
     }
     int nArgs = static_cast<int>(args.size());
     benchmark::Initialize(&nArgs, args.data());
+    // KAVREL_BENCH_KERNELS=<set name> times a simpler kernel set than the
+    // processor's best (the library itself reads no environment).
+    if (const char* pszSet = std::getenv("KAVREL_BENCH_KERNELS")) {
+        kavrel::KernelSet sets[8];
+        const std::size_t n = kavrel::pixelKernelSets(sets, 8);
+        for (std::size_t i = 0; i < n && i < 8; ++i)
+            if (std::strcmp(sets[i].pKernels->pszName, pszSet) == 0 && !sets[i].pszSkipped)
+                kavrel::maskCpuFeatures(kavrel::kAllCpuFeatures & ~sets[i].nFeatures);
+        if (std::strcmp(kavrel::pixelKernels().pszName, pszSet) != 0) {
+            std::fprintf(stderr, "kernel set %s cannot run here\n", pszSet);
+            return 1;
+        }
+    }
+    std::printf("kernel set: %s\n", kavrel::pixelKernels().pszName);
     registerConversionBenchmarks();
     registerRequestBenchmarks();
     SummaryReporter reporter;

@@ -27,11 +27,34 @@ struct PixelKernels {
     void (*grey3To1)(const unsigned char* pSrc, unsigned char* pDst, std::size_t n);
 };
 
+// Processor features the SIMD sets need, as mask bits.
+enum CpuFeature : unsigned {
+    kCpuAvx2 = 1u << 0,
+    kCpuAvx512Vnni = 1u << 1, // AVX-512 BW, DQ, VBMI and VNNI, with BMI2
+    kCpuNeon = 1u << 2,
+    kAllCpuFeatures = kCpuAvx2 | kCpuAvx512Vnni | kCpuNeon,
+};
+
+// A kernel set this build has: the features it needs, and why it cannot run
+// here (the first feature the processor lacks, or "masked"), null when it can.
+struct KernelSet {
+    const PixelKernels* pKernels;
+    unsigned nFeatures;
+    const char* pszSkipped;
+};
+
 // The kernels for this processor (chosen on first use, thread-safe).
 const PixelKernels& pixelKernels();
+// Every kernel set this build has, best last.
+std::size_t pixelKernelSets(KernelSet* pList, std::size_t nMax);
 // Every kernel set this build has and this processor can run, best last;
 // tests check each of them against the reference.
 std::size_t availablePixelKernels(const PixelKernels** ppList, std::size_t nMax);
+// For tests and benchmarks (the library never calls it): treat the features
+// in nMask as missing and pick the kernels again, which forces a simpler set
+// on a processor that could run a better one. 0 undoes it. Not to be called
+// while another thread converts.
+void maskCpuFeatures(unsigned nMask);
 
 // Scalar building blocks shared by the SIMD sets for row ends.
 namespace scalar {

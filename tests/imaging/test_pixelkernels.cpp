@@ -10,8 +10,10 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cstdio>
 #include <cstring>
 #include <random>
+#include <string>
 #include <vector>
 
 using namespace kavrel;
@@ -24,6 +26,24 @@ std::vector<const PixelKernels*> kernelSets()
     const std::size_t n = availablePixelKernels(list, 8);
     return std::vector<const PixelKernels*>(list, list + n);
 }
+
+// Says at the end of the run which kernel sets the tests covered on this
+// machine and why the others were left out, so a missing set is never silent.
+class KernelSetReport : public ::testing::Environment {
+public:
+    void TearDown() override
+    {
+        KernelSet sets[8];
+        const std::size_t n = pixelKernelSets(sets, 8);
+        std::string strLine = "kernel sets:";
+        for (std::size_t i = 0; i < n && i < 8; ++i) {
+            strLine += std::string(i == 0 ? " " : ", ") + sets[i].pKernels->pszName;
+            strLine += sets[i].pszSkipped ? std::string(" skipped: ") + sets[i].pszSkipped : std::string(" ran");
+        }
+        std::printf("%s\n", strLine.c_str());
+    }
+};
+const auto* const g_pKernelSetReport = ::testing::AddGlobalTestEnvironment(new KernelSetReport);
 
 // Reorders type-0 groups (Y0 U Y1 V) into the byte order of nType.
 void toType(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nGroups)
@@ -290,6 +310,41 @@ TEST(PixelKernels, EveryByteThroughEveryTable)
         transferGrey3To1(src.data(), got.data(), n, t.data());
         EXPECT_EQ(got, want);
     }
+}
+
+// Masking processor features forces each set the machine can run into the
+// dispatch, and the driver's entry points (which block the table pass over the
+// grey) then run on it; unmasked, the best set is back.
+TEST(PixelKernels, MaskedFeaturesForceEachSetIntoTheDriverPath)
+{
+    KernelSet sets[8];
+    const std::size_t nSets = pixelKernelSets(sets, 8);
+    ASSERT_LE(nSets, 8u);
+    const PixelKernels* pBest = &pixelKernels();
+    const std::size_t n = 3 * 4096 + 45;
+    std::vector<unsigned char> src(3 * n), want(3 * n), got(3 * n), table(256);
+    std::mt19937 rng(5);
+    for (auto& b : src)
+        b = static_cast<unsigned char>(rng());
+    ref::buildGammaTable(0.5f, table.data());
+    for (std::size_t i = 0; i < nSets; ++i) {
+        if (sets[i].pszSkipped)
+            continue;
+        maskCpuFeatures(kAllCpuFeatures & ~sets[i].nFeatures);
+        EXPECT_STREQ(pixelKernels().pszName, sets[i].pKernels->pszName);
+        for (const unsigned char* lut : {static_cast<const unsigned char*>(nullptr), static_cast<const unsigned char*>(table.data())}) {
+            ref::transferGrey3To1(src.data(), want.data(), n, lut);
+            transferGrey3To1(src.data(), got.data(), n, lut);
+            EXPECT_EQ(0, std::memcmp(got.data(), want.data(), n)) << sets[i].pKernels->pszName;
+            ref::transferExpand3(src.data(), want.data(), n, lut);
+            transferExpand3(src.data(), got.data(), n, lut);
+            EXPECT_EQ(got, want) << sets[i].pKernels->pszName;
+        }
+    }
+    maskCpuFeatures(kAllCpuFeatures);
+    EXPECT_STREQ(pixelKernels().pszName, "scalar");
+    maskCpuFeatures(0);
+    EXPECT_EQ(&pixelKernels(), pBest);
 }
 
 TEST(PixelKernels, GammaRuleAndWorkedValues)
