@@ -43,22 +43,8 @@ done
 
 stage() { echo "== $* ($(date +%T))" >&2; }
 
-# --- build machine packages ----------------------------------------------------
-host_packages=(crossbuild-essential-armhf qemu-user cmake make pkg-config gcc
-               qtbase5-dev-tools qttools5-dev-tools debian-archive-keyring
-               llvm-15 libglib2.0-dev python3 xz-utils)
-missing=()
-for p in "${host_packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  stage "installing ${missing[*]}"
-  sudo=
-  [ "$(id -u)" -eq 0 ] || sudo=sudo
-  $sudo apt-get -o DPkg::Lock::Timeout=900 update -qq
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get -o DPkg::Lock::Timeout=900 install -y -qq \
-    --no-install-recommends "${missing[@]}" >/dev/null
-fi
+stage "build machine packages"
+"$root/scripts/install-deps.sh" armcost >&2
 
 stage "armhf sysroot"
 sysroot=$("$root/scripts/armhf-sysroot.sh")

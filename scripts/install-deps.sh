@@ -14,6 +14,8 @@
 #   sysroot  Debian's archive keyring (scripts/armhf-sysroot.sh)
 #   armhf    sysroot, plus the cross compiler, qemu-user and the build
 #            machine's Qt tools (scripts/cross-armhf.sh)
+#   armcost  armhf, plus LLVM 15 (llvm-mca), glib and python3
+#            (scripts/arm-cost.sh)
 #   docs     help2man and Doxygen (KAVREL_DOCS=ON in a cross build)
 #   vivid    qemu-system-x86, busybox-static, kmod, cpio (scripts/vivid-test.sh)
 # Packages already present are not asked for again, so a prepared machine
@@ -37,16 +39,18 @@ package=("${run[@]}" "${docs[@]}" "${lint[@]}" "${gstreamer_dev[@]}")
 test=("${package[@]}" libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-dev
       "${gstreamer_clients[@]}")
 vivid=(qemu-system-x86 busybox-static kmod cpio)
+# The counting plugin is built against glib; llvm-mca estimates cycles.
+armcost=("${armhf[@]}" gcc llvm-15 libglib2.0-dev python3 xz-utils)
 
 [ $# -gt 0 ] || set -- run
 packages=()
 for name in "$@"; do
   case $name in
-    run|package|test|lint|sysroot|armhf|docs|vivid)
+    run|package|test|lint|sysroot|armhf|armcost|docs|vivid)
       declare -n named=$name
       packages+=("${named[@]}")
       unset -n named ;;
-    *) echo "usage: $0 [run|package|test|lint|sysroot|armhf|docs|vivid]..." >&2; exit 2 ;;
+    *) echo "usage: $0 [run|package|test|lint|sysroot|armhf|armcost|docs|vivid]..." >&2; exit 2 ;;
   esac
 done
 
