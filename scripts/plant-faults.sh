@@ -112,7 +112,9 @@ run_suite() { # <planted file>
 mkdir -p "$build"
 : >"$log"
 t0=$(date +%s)
-cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=ON -DKAVREL_BUILD_BENCH=OFF >>"$log" 2>&1
+# Programs load the library at run time: a changed libKavrel relinks none of them.
+cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=ON -DKAVREL_BUILD_BENCH=OFF \
+  -DCMAKE_LINK_DEPENDS_NO_SHARED=ON >>"$log" 2>&1
 echo "Baseline: build and tests without a fault ($build)"
 build_tree || { echo "the unchanged tree does not build; see $log" >&2; exit 1; }
 if failed=$(run_suite api/); then :; else
