@@ -118,6 +118,27 @@ TEST_F(WebCam, GammaTable)
     EXPECT_EQ(deliver(1, 1, 3, {64, 64, 64}), (Bytes{127}));
     ASSERT_TRUE(cam.connect(0, CCDIF::PixFmtBGR));
     EXPECT_EQ(deliver(1, 1, 3, {1, 64, 255}), (Bytes{15, 127, 255}));
+    EXPECT_EQ(deliver(2, 1, 1, {64, 255}), (Bytes{127, 127, 127, 255, 255, 255}));
+}
+
+// Frames of several thousand pixels, as a camera sends them: every pixel gets
+// its grey value and gamma, up to the last one.
+TEST_F(WebCam, LargeFramesArriveWhole)
+{
+    const int w = 4099, h = 3; // more than 12288 pixels, not a multiple of any block or vector size
+    Bytes grey(static_cast<size_t>(w) * h), colour(3 * grey.size());
+    for (size_t i = 0; i < grey.size(); ++i) {
+        grey[i] = i % 7 == 0 ? 255 : 64;
+        colour[3 * i] = colour[3 * i + 1] = colour[3 * i + 2] = grey[i];
+    }
+    Bytes corrected(grey.size()); // gamma 0.5: 64 becomes 127
+    for (size_t i = 0; i < grey.size(); ++i)
+        corrected[i] = grey[i] == 255 ? 255 : 127;
+    open(CCDIF::PixFmtGray8);
+    EXPECT_EQ(deliver(w, h, 3, colour), grey);
+    setGamma(0.5f);
+    EXPECT_EQ(deliver(w, h, 3, colour), corrected);
+    EXPECT_EQ(deliver(w, h, 1, grey), corrected);
 }
 
 TEST_F(WebCam, CopyNeedsTheExactGeometry)
@@ -152,6 +173,17 @@ TEST_F(WebCam, SettingsAreClampedAndSent)
     EXPECT_EQ(r.fGamma, 0.01f);
     EXPECT_EQ(r.fWhiteBalanceR, 2.0f);
     EXPECT_EQ(r.fWhiteBalanceG, 0.1f);
+
+    // Each correction on its own, limited like the rest.
+    cam.modifyWhiteBalanceR(0.5f);
+    cam.modifyWhiteBalanceG(1.5f);
+    cam.modifyWhiteBalanceB(5.0f);
+    cam.modifyGamma(20.0f);
+    ASSERT_TRUE(cam.getCurSettings(&r));
+    EXPECT_EQ(r.fWhiteBalanceR, 0.5f);
+    EXPECT_EQ(r.fWhiteBalanceG, 1.5f);
+    EXPECT_EQ(r.fWhiteBalanceB, 2.0f);
+    EXPECT_EQ(r.fGamma, 10.0f);
 
     s.eTriggerType = static_cast<CCDIF::TriggerType>(3); // no mode for an unknown trigger (3 is within the type)
     torvanesim_log_clear();
