@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <thread>
 #include <vector>
 
 #include "camera/ccdwebcam.h"
@@ -72,6 +74,29 @@ TEST_F(WebCam, ClickTriggersOnlyInSoftwareMode)
         EXPECT_TRUE(cam.click());
         EXPECT_EQ(torvanesim_trigger_calls() - before, mode == CCDIF::TriggerSoft ? 1 : 0);
     }
+}
+
+// Software triggers that no request answered are gone after a change of mode,
+// as in the SDK: a request then waits for a new one, which another thread can
+// send while it waits.
+TEST_F(WebCam, ModeChangeDropsUnansweredTriggers)
+{
+    using namespace std::chrono;
+    open(CCDIF::PixFmtGray8);
+    for (auto mode : {CCDIF::TriggerSoft, CCDIF::TriggerVideo, CCDIF::TriggerSoft}) {
+        settings.eTriggerType = mode;
+        ASSERT_TRUE(cam.applyNewSettings(settings));
+        ASSERT_TRUE(cam.click());
+    }
+    EXPECT_TRUE(cam.waitNewImage(100)); // the last click's frame
+    const auto start = steady_clock::now();
+    std::thread clicker([&] {
+        std::this_thread::sleep_for(milliseconds(100));
+        cam.click();
+    });
+    EXPECT_TRUE(cam.waitNewImage(3000));
+    clicker.join();
+    EXPECT_LT(steady_clock::now() - start, milliseconds(2000));
 }
 
 TEST_F(WebCam, TransferIntoEachFormat)
