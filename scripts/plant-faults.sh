@@ -122,11 +122,18 @@ if failed=$(run_suite api/); then :; else
   exit 1
 fi
 
+declare -A wanted=() known=()
+for id in "${ids[@]}"; do known[$id]=1; done
+for id in "${only[@]}"; do
+  [ -n "${known[$id]:-}" ] || { echo "plant-faults.sh: no fault $id in $list" >&2; exit 2; }
+  wanted[$id]=1
+done
+
 caught=0 missed=0 skipped=0 broken=0
 missed_ids=()
 for i in "${!ids[@]}"; do
   id=${ids[i]} file=${files[i]}
-  if [ ${#only[@]} -gt 0 ] && ! printf '%s\n' "${only[@]}" | grep -qx -- "$id"; then
+  if [ ${#only[@]} -gt 0 ] && [ -z "${wanted[$id]:-}" ]; then
     continue
   fi
   t=$(date +%s)
