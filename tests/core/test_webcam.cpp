@@ -99,6 +99,24 @@ TEST_F(WebCam, ModeChangeDropsUnansweredTriggers)
     EXPECT_LT(steady_clock::now() - start, milliseconds(2000));
 }
 
+// A request waiting for a software trigger gives up as soon as another
+// thread stops the camera, not at its time-out.
+TEST_F(WebCam, StopEndsAWaitingRequestAtOnce)
+{
+    using namespace std::chrono;
+    open(CCDIF::PixFmtGray8);
+    settings.eTriggerType = CCDIF::TriggerSoft;
+    ASSERT_TRUE(cam.applyNewSettings(settings));
+    const auto start = steady_clock::now();
+    std::thread stopper([&] {
+        std::this_thread::sleep_for(milliseconds(100));
+        cam.stop();
+    });
+    EXPECT_FALSE(cam.waitNewImage(3000));
+    stopper.join();
+    EXPECT_LT(steady_clock::now() - start, milliseconds(2000));
+}
+
 TEST_F(WebCam, TransferIntoEachFormat)
 {
     // Three-byte frame into grey: b1*0.6 + b2*0.25 + b0*0.15, truncated.
