@@ -88,7 +88,7 @@ if [ $check = 1 ]; then
   for i in "${!ids[@]}"; do
     cp "$root/${files[i]}" "$backup"
     saved=${files[i]}
-    if plant "$root/${files[i]}" "${olds[i]}" "${news[i]}"; then r=applies; else r="does not apply"; fi
+    if plant "$root/${files[i]}" "${olds[i]-}" "${news[i]-}"; then r=applies; else r="does not apply"; fi
     cp "$backup" "$root/${files[i]}"
     saved=''
     printf '%-28s %s\n' "${ids[i]}" "$r"
@@ -140,7 +140,7 @@ for i in "${!ids[@]}"; do
   echo "== $id $file: ${descs[i]}" >>"$log"
   cp "$root/$file" "$backup"
   saved=$file
-  if ! plant "$root/$file" "${olds[i]}" "${news[i]}"; then
+  if ! plant "$root/$file" "${olds[i]-}" "${news[i]-}"; then
     saved=''
     printf '%-28s did not apply (text not found once in %s)\n' "$id" "$file"
     skipped=$((skipped + 1))
