@@ -3,6 +3,7 @@
 #ifndef KAVREL_TESTS_SIMLOG_H
 #define KAVREL_TESTS_SIMLOG_H
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,14 @@ inline std::vector<std::string> simLog()
     char buf[256];
     for (int i = 0; torvanesim_log_entry(i, buf, sizeof buf) >= 0; ++i)
         entries.emplace_back(buf);
+    return entries;
+}
+
+// The calls, sorted: for settings whose order the SDK does not care about.
+inline std::vector<std::string> simLogSorted()
+{
+    std::vector<std::string> entries = simLog();
+    std::sort(entries.begin(), entries.end());
     return entries;
 }
 

@@ -15,6 +15,7 @@ TEST(TagSearch, FirstElementIgnoringCase)
         {"x<gain> 1 </GAIN><Gain>2</Gain>", " 1 "}, // first element, body untrimmed
         {"</Gain>3<Gain>4</Gain>", ""},             // first close tag before first open tag
         {"<Gain>3", ""},
+        {"a long text</Gain>", ""},                   // no open tag at all
     };
     for (const auto& c : cases)
         EXPECT_EQ(GlobalFunction::getBody(c[0], "<Gain>", "</Gain>"), QString(c[1])) << c[0];

@@ -27,7 +27,7 @@ TEST_F(Dialog, LoadsTheConfigurationStringIntoTheWidgets)
         {"<pixfmt>1</PIXFMT><roi> 64,48</ROI><settings><TriggerType>HARD</TriggerType></SETTINGS>",
          "1| 64|48|2|100|100|100|0.00|0|0"},
         // Codes beyond the list leave "Gray8"; only the two-value region is taken.
-        {"<PixFmt>2</PixFmt><ROI>0,0,640,480</ROI>", "0|0|0|0|100|100|100|0.00|0|0"},
+        {"<PixFmt>2</PixFmt><ROI>16,8,640,480</ROI>", "0|0|0|0|100|100|100|0.00|0|0"},
         // A negative code leaves no current item; gains beyond the sliders show at the ends.
         {"<PixFmt>-1</PixFmt><Settings><WhiteBalance>3.5,-1,1e30</WhiteBalance></Settings>",
          "-1|0|0|0|200|0|200|0.00|0|0"},

@@ -3,6 +3,7 @@
 // pairs split across rows, odd sizes, degenerate sizes) against the scalar
 // reference, and the worked values that pin the reference to the rules.
 
+#include "imaging/convertkernels.h"
 #include "imaging/convertreference.h"
 #include "imaging/globalfunction.h"
 
@@ -159,4 +160,20 @@ TEST(Conversions, YuvPairSplitsAcrossRowsAndPaddingStaysUntouched)
     EXPECT_EQ(img[15], orig[15]);
     GlobalFunction::Exg_RB(img.data(), 5, 2);
     EXPECT_EQ(img, orig);
+}
+
+// A list shorter than the kernel sets is filled to its end and no further; the
+// count is of all the sets.
+TEST(KernelSets, ShortListsAreFilledToTheirEndOnly)
+{
+    const kavrel::PixelKernels* all[8] = {};
+    const std::size_t n = kavrel::availablePixelKernels(all, 8);
+    ASSERT_GE(n, 1u);
+    const kavrel::PixelKernels untouched = {};
+    for (std::size_t nMax : {0, 1}) {
+        const kavrel::PixelKernels* list[2] = {&untouched, &untouched};
+        EXPECT_EQ(kavrel::availablePixelKernels(list, nMax), n);
+        EXPECT_EQ(list[0], nMax == 0 ? &untouched : all[0]) << nMax;
+        EXPECT_EQ(list[1], &untouched) << nMax;
+    }
 }

@@ -138,6 +138,33 @@ TEST_P(Concurrency, TwoHostsTriggeringOneCamera)
     EXPECT_EQ(torvanesim_trigger_calls(), 2 * perHost);
 }
 
+// Main and Slaver wait on the one SDK camera at once, in software trigger
+// mode: each trigger makes one frame for one of them, never one for both, even
+// a frame that takes the SDK a while to make.
+TEST_P(Concurrency, TriggeredMainAndSlaverNeverShareAFrame)
+{
+    torvanesim_set_sensor(1280, 960, 3);
+    const std::string config = configFor(1, 1280, 960, "<TriggerType>soft</TriggerType>");
+    setMain(config);
+    std::string slaver = config; // setConfigString takes a char*
+    api->setConfigStringSlaver(&slaver[0]);
+    ASSERT_TRUE(api->connectMain() && api->connectSlaver() && api->startMain() && api->startSlaver());
+    torvanesim_log_frames(0);
+    for (int round = 0; round < 20 && failures == 0; ++round) {
+        unsigned int numbers[2] = {};
+        auto host = [&](bool slaver) {
+            unsigned char* img = request(slaver, nullptr, nullptr, nullptr, 5000);
+            if (!img)
+                return fail("no image for a trigger");
+            numbers[slaver] = torvanesim_frame_number(img, 3);
+            release(slaver, img);
+        };
+        ASSERT_TRUE(api->clickMain() && api->clickSlaver());
+        runThreads({[&] { host(false); }, [&] { host(true); }}, Clock::now() + std::chrono::seconds(10));
+        EXPECT_NE(numbers[0], numbers[1]) << "round " << round;
+    }
+}
+
 // Requests keep running while another thread stops, starts and reconfigures
 // the camera (gamma and trigger type change under them). Requests in the gaps
 // answer null; every image that comes is whole. ThreadSanitizer watches the

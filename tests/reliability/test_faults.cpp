@@ -64,7 +64,8 @@ TEST_F(Faults, Matrix)
                 char log[64] = {};
                 torvanesim_log_entry(0, log, sizeof log);
                 ASSERT_EQ(img != nullptr, delivers);
-                EXPECT_EQ(w + b + h, delivers ? 16 + 48 + 8 : 0);
+                const std::vector<int> want = delivers ? std::vector<int>{16, 48, 8} : std::vector<int>{0, 0, 0};
+                EXPECT_EQ((std::vector<int>{w, b, h}), want);
                 EXPECT_TRUE(c.point != OddPixels || std::all_of(img, img + 48 * 8, [](int v) { return v == 0; }));
                 EXPECT_TRUE(c.point != NoFrame || log == "get_frame_timeout(0," + std::to_string(std::max(c.arg, 1)) + ")") << log;
                 api->releaseImageMain(img);
@@ -83,7 +84,8 @@ TEST_F(Faults, Matrix)
 
 // A frame of another size taken by a second thread between the geometry read
 // and the copy: the copy is refused, the outputs keep the geometry that was
-// read, nothing is lent, and the next request delivers the new frame whole.
+// read, nothing is lent, and that thread's next request delivers the new frame
+// whole.
 TEST_F(Faults, GeometryChangesBeforeTheCopy)
 {
     const struct { int w1, h1, w2, h2; } cases[] = {{64, 48, 64, 47}, {8, 2, 2, 8}};
@@ -96,14 +98,18 @@ TEST_F(Faults, GeometryChangesBeforeTheCopy)
             ASSERT_NE(held, nullptr);
             torvanesim_queue_frame(c.w1, c.h1, 3, nullptr);
             const unsigned int delivered = torvanesim_frames_delivered();
-            std::atomic<int> state{0}; // 1 waiting, 2 done
+            std::atomic<int> state{0}; // 1 waiting, 2 refused, 3 next frame queued
             unsigned char* got = held;
             int gw = 0, gb = 0, gh = 0;
+            bool nextWhole = false;
             std::thread second([&] {
                 state = 1;
                 got = request(false, &gw, &gb, &gh);
                 api->releaseImageMain(got);
                 state = 2;
+                while (state != 3)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                nextWhole = takesWhole(false, false, c.w2, c.h2);
             });
             while (torvanesim_frames_delivered() == delivered)
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -112,13 +118,16 @@ TEST_F(Faults, GeometryChangesBeforeTheCopy)
             torvanesim_queue_frame(c.w2, c.h2, 3, nullptr);
             ASSERT_TRUE(camMain()->waitNewImage(1000));
             api->releaseImageMain(held);
-            second.join();
+            while (state != 2)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
             EXPECT_EQ(got, nullptr);
             EXPECT_EQ(std::vector<int>({gw, gb, gh}), std::vector<int>({c.w1, 3 * c.w1, c.h1}));
             EXPECT_TRUE(peer.nothingLent());
 
             torvanesim_queue_frame(c.w2, c.h2, 3, nullptr);
-            EXPECT_TRUE(takesWhole(false, false, c.w2, c.h2));
+            state = 3;
+            second.join();
+            EXPECT_TRUE(nextWhole);
         });
     }
 }
