@@ -40,6 +40,65 @@ const unsigned char* weightedOfGrey()
     return s_table.value;
 }
 
+// Grey pixels (all channels v) hit the exact-quotient case on every pixel
+// and the answer then depends on v alone: bit v of these sets (byte v >> 3,
+// bit v & 7) says the double-precision rule gives v - 1 rather than v. 32
+// bytes each, the size of a four-register VTBL.
+struct EqualChannelFix {
+    uint8x8x4_t grey3;
+    EqualChannelFix() : grey3()
+    {
+        unsigned char bits[32] = {};
+        for (int v = 0; v < 256; ++v) {
+            const unsigned char p[3] = {static_cast<unsigned char>(v), static_cast<unsigned char>(v),
+                                        static_cast<unsigned char>(v)};
+            if (ref::grey3To1(p) != v)
+                bits[v >> 3] |= static_cast<unsigned char>(1 << (v & 7));
+        }
+        for (int k = 0; k < 4; ++k)
+            grey3.val[k] = vld1_u8(bits + 8 * k);
+    }
+};
+
+const EqualChannelFix& equalChannelFix()
+{
+    static const EqualChannelFix s_fix;
+    return s_fix;
+}
+
+// Bit v of the 256-bit set for each of the 16 byte lanes v: 0 or 1.
+inline uint8x16_t bitOfValue(const uint8x8x4_t& set, uint8x16_t v)
+{
+    const uint8x16_t byteOf = vcombine_u8(vtbl4_u8(set, vshr_n_u8(vget_low_u8(v), 3)),
+                                          vtbl4_u8(set, vshr_n_u8(vget_high_u8(v), 3)));
+    // A negative shift count shifts right.
+    const int8x16_t down = vnegq_s8(vreinterpretq_s8_u8(vandq_u8(v, vdupq_n_u8(7))));
+    return vandq_u8(vshlq_u8(byteOf, down), vdupq_n_u8(1));
+}
+
+inline bool anyLane(uint8x8_t m)
+{
+    const uint32x2_t w = vreinterpret_u32_u8(m);
+    return (vget_lane_u32(w, 0) | vget_lane_u32(w, 1)) != 0;
+}
+
+// Bit j set for every lane j of m that is all ones.
+inline unsigned laneBits(uint8x16_t m)
+{
+    const uint8x16_t weights = {1, 2, 4, 8, 16, 32, 64, 128, 1, 2, 4, 8, 16, 32, 64, 128};
+    const uint8x16_t w = vandq_u8(m, weights);
+    uint8x8_t s = vpadd_u8(vget_low_u8(w), vget_high_u8(w));
+    s = vpadd_u8(s, s);
+    s = vpadd_u8(s, s);
+    return vget_lane_u16(vreinterpret_u16_u8(s), 0);
+}
+
+// t / 20 = (t >> 2) / 5 for t >= 0, and for u = t >> 2 <= 1275 (t at most
+// 20 * 255) (2 u 6554) >> 16 = u * 13108 / 65536 is u / 5: 13108 = 65540 / 5
+// overshoots by u * 4 / (5 * 65536) < 0.016, less than the 1/5 left above
+// the largest remainder.
+constexpr int16_t kFifthOfQuarter = 6554;
+
 struct Chroma {
     float32x4_t b[2], g[2], r[2]; // chroma terms of 8 pairs
 };
@@ -239,29 +298,45 @@ void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 
 void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
-    // t = 20 * (b1 * 0.6 + b2 * 0.25 + b0 * 0.15) is an integer; when t is not
-    // a multiple of 20 the truncated result is t / 20 whatever the rounding.
-    // Multiples (one pixel in 20, every grey pixel) take their bit from the
-    // (b1, b2) table.
+    // t = 20 * (b1 * 0.6 + b2 * 0.25 + b0 * 0.15) = 12 b1 + 5 b2 + 3 b0 is an
+    // integer; when t is not a multiple of 20 the truncated result is t / 20
+    // whatever the rounding. Multiples (one pixel in 20, every grey pixel)
+    // may come out one less: grey pixels by value from a 256-bit set in
+    // vectors, the others from the (b1, b2) table lane by lane (a handful per
+    // frame block on noise, and NEON has no gather).
+    const uint8x8x4_t greyFix = equalChannelFix().grey3;
     const unsigned short* fix = scalar::grey3FixEntries();
     std::size_t i = 0;
-    for (; i + 8 <= n; i += 8, pSrc += 24, pDst += 8) {
-        const uint8x8x3_t p = vld3_u8(pSrc);
-        uint16x8_t t = vmull_u8(p.val[1], vdup_n_u8(12));
-        t = vmlal_u8(t, p.val[2], vdup_n_u8(5));
-        t = vmlal_u8(t, p.val[0], vdup_n_u8(3));
-        // t / 20 for t < 16384: (t * 3277) >> 16.
-        const uint16x4_t qlo = vshrn_n_u32(vmull_n_u16(vget_low_u16(t), 3277), 16);
-        const uint16x4_t qhi = vshrn_n_u32(vmull_n_u16(vget_high_u16(t), 3277), 16);
-        const uint16x8_t q = vcombine_u16(qlo, qhi);
-        vst1_u8(pDst, vmovn_u16(q));
-        const uint8x8_t exact = vmovn_u16(vceqq_u16(vmulq_n_u16(q, 20), t));
-        uint64_t m = vget_lane_u64(vreinterpret_u64_u8(exact), 0);
-        for (int j = 0; m != 0; ++j, m >>= 8)
-            if (m & 0xFF) {
+    for (; i + 16 <= n; i += 16, pSrc += 48, pDst += 16) {
+        const uint8x16x3_t p = vld3q_u8(pSrc);
+        uint8x8_t q[2], e[2];
+        for (int h = 0; h < 2; ++h) {
+            const uint8x8_t b0 = h ? vget_high_u8(p.val[0]) : vget_low_u8(p.val[0]);
+            const uint8x8_t b1 = h ? vget_high_u8(p.val[1]) : vget_low_u8(p.val[1]);
+            const uint8x8_t b2 = h ? vget_high_u8(p.val[2]) : vget_low_u8(p.val[2]);
+            uint16x8_t t = vmull_u8(b1, vdup_n_u8(12));
+            t = vmlal_u8(t, b2, vdup_n_u8(5));
+            t = vmlal_u8(t, b0, vdup_n_u8(3));
+            const uint16x8_t q16 = vreinterpretq_u16_s16(
+                vqdmulhq_n_s16(vreinterpretq_s16_u16(vshrq_n_u16(t, 2)), kFifthOfQuarter));
+            q[h] = vmovn_u16(q16);
+            e[h] = vmovn_u16(vceqq_u16(vmulq_n_u16(q16, 20), t));
+        }
+        uint8x16_t bytes = vcombine_u8(q[0], q[1]);
+        if (anyLane(vorr_u8(e[0], e[1]))) {
+            const uint8x16_t exact = vcombine_u8(e[0], e[1]);
+            const uint8x16_t grey = vandq_u8(exact, vandq_u8(vceqq_u8(p.val[0], p.val[1]), vceqq_u8(p.val[1], p.val[2])));
+            if (anyLane(vorr_u8(vget_low_u8(grey), vget_high_u8(grey))))
+                bytes = vsubq_u8(bytes, vandq_u8(grey, bitOfValue(greyFix, bytes)));
+            vst1q_u8(pDst, bytes);
+            for (unsigned m = laneBits(vbicq_u8(exact, grey)); m != 0; m &= m - 1) {
+                const int j = __builtin_ctz(m);
                 const unsigned char* px = pSrc + 3 * j;
                 pDst[j] = static_cast<unsigned char>(pDst[j] - ((fix[px[1] * 256 + px[2]] >> (px[0] / 20)) & 1));
             }
+            continue;
+        }
+        vst1q_u8(pDst, bytes);
     }
     scalar::kKernels.grey3To1(pSrc, pDst, n - i);
 }
