@@ -83,6 +83,16 @@ inline bool anyLane(uint8x8_t m)
 }
 
 // Bit j set for every lane j of m that is all ones.
+inline unsigned laneBits8(uint8x8_t m)
+{
+    const uint8x8_t weights = {1, 2, 4, 8, 16, 32, 64, 128};
+    uint8x8_t s = vand_u8(m, weights);
+    s = vpadd_u8(s, s);
+    s = vpadd_u8(s, s);
+    s = vpadd_u8(s, s);
+    return vget_lane_u8(s, 0);
+}
+
 inline unsigned laneBits(uint8x16_t m)
 {
     const uint8x16_t weights = {1, 2, 4, 8, 16, 32, 64, 128, 1, 2, 4, 8, 16, 32, 64, 128};
@@ -286,9 +296,10 @@ void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
         // Exact: t a multiple of 8 and w - 1 = 125 q.
         const uint16x8_t exact = vbicq_u16(vceqq_u16(vmlaq_n_u16(vdupq_n_u16(1), q, 125), w),
                                            vtstq_u16(t, vdupq_n_u16(7)));
-        uint64_t m = vget_lane_u64(vreinterpret_u64_u8(vmovn_u16(exact)), 0);
-        for (int j = 0; m != 0; ++j, m >>= 8)
-            if (m & 0xFF) {
+        const uint8x8_t e8 = vmovn_u16(exact);
+        if (anyLane(e8))
+            for (unsigned m = laneBits8(e8); m != 0; m &= m - 1) {
+                const int j = __builtin_ctz(m);
                 const unsigned char* px = pSrc + 3 * j;
                 pDst[j] = static_cast<unsigned char>(pDst[j] - fix[px[1] * 256 + px[2]]);
             }
