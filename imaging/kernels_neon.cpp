@@ -42,9 +42,9 @@ const unsigned char* weightedOfGrey()
 }
 
 // Grey pixels (all channels v) hit the exact-quotient case on every pixel
-// and the answer then depends on v alone: bit v of these sets (byte v >> 3,
-// bit v & 7) says the double-precision rule gives v - 1 rather than v. 32
-// bytes each, the size of a four-register VTBL.
+// and the answer then depends on v alone: bit v of this set (byte v >> 3,
+// bit v & 7) says the driver's double-precision rule gives v - 1 rather
+// than v. 32 bytes, the size of a four-register VTBL.
 struct EqualChannelFix {
     uint8x8x4_t grey3;
     EqualChannelFix() : grey3()
