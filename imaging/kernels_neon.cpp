@@ -5,9 +5,10 @@
 // (integers below 2^24, truncating conversion, as the x86 sets do) and forms
 // the weighted sum and its quotient in 32-bit integers. 32-bit NEON has no double
 // precision, so the few grey values that double rounding decides (exact
-// quotients) are looked up, lane by lane: from bytes in the tables of the
-// exact cases, for YUV's unclamped colour by value for grey pixels and by the
-// scalar rule for the others.
+// quotients) are looked up: for the driver's grey pixels from a 256-bit set
+// in vectors (VTBL), otherwise lane by lane (NEON has no gather) from the
+// tables of the exact cases for bytes, and for YUV's unclamped colour by
+// value for grey pixels and by the scalar rule for the others.
 
 #if defined(__ARM_NEON)
 
@@ -40,50 +41,92 @@ const unsigned char* weightedOfGrey()
     return s_table.value;
 }
 
-struct Chroma {
-    float32x4_t b[2], g[2], r[2]; // chroma terms of 8 pairs
+// Grey pixels (all channels v) hit the exact-quotient case on every pixel
+// and the answer then depends on v alone: bit v of this set (byte v >> 3,
+// bit v & 7) says the driver's double-precision rule gives v - 1 rather
+// than v. 32 bytes, the size of a four-register VTBL.
+struct EqualChannelFix {
+    uint8x8x4_t grey3;
+    EqualChannelFix() : grey3()
+    {
+        unsigned char bits[32] = {};
+        for (int v = 0; v < 256; ++v) {
+            const unsigned char p[3] = {static_cast<unsigned char>(v), static_cast<unsigned char>(v),
+                                        static_cast<unsigned char>(v)};
+            if (ref::grey3To1(p) != v)
+                bits[v >> 3] |= static_cast<unsigned char>(1 << (v & 7));
+        }
+        for (int k = 0; k < 4; ++k)
+            grey3.val[k] = vld1_u8(bits + 8 * k);
+    }
 };
+
+const EqualChannelFix& equalChannelFix()
+{
+    static const EqualChannelFix s_fix;
+    return s_fix;
+}
+
+// Bit v of the 256-bit set for each of the 16 byte lanes v: 0 or 1.
+inline uint8x16_t bitOfValue(const uint8x8x4_t& set, uint8x16_t v)
+{
+    const uint8x16_t byteOf = vcombine_u8(vtbl4_u8(set, vshr_n_u8(vget_low_u8(v), 3)),
+                                          vtbl4_u8(set, vshr_n_u8(vget_high_u8(v), 3)));
+    // A negative shift count shifts right.
+    const int8x16_t down = vnegq_s8(vreinterpretq_s8_u8(vandq_u8(v, vdupq_n_u8(7))));
+    return vandq_u8(vshlq_u8(byteOf, down), vdupq_n_u8(1));
+}
+
+inline bool anyLane(uint8x8_t m)
+{
+    const uint32x2_t w = vreinterpret_u32_u8(m);
+    return (vget_lane_u32(w, 0) | vget_lane_u32(w, 1)) != 0;
+}
+
+// Bit j set for every lane j of m that is all ones.
+inline unsigned laneBits8(uint8x8_t m)
+{
+    const uint8x8_t weights = {1, 2, 4, 8, 16, 32, 64, 128};
+    uint8x8_t s = vand_u8(m, weights);
+    s = vpadd_u8(s, s);
+    s = vpadd_u8(s, s);
+    s = vpadd_u8(s, s);
+    return vget_lane_u8(s, 0);
+}
+
+inline unsigned laneBits(uint8x16_t m)
+{
+    const uint8x16_t weights = {1, 2, 4, 8, 16, 32, 64, 128, 1, 2, 4, 8, 16, 32, 64, 128};
+    const uint8x16_t w = vandq_u8(m, weights);
+    uint8x8_t s = vpadd_u8(vget_low_u8(w), vget_high_u8(w));
+    s = vpadd_u8(s, s);
+    s = vpadd_u8(s, s);
+    return vget_lane_u16(vreinterpret_u16_u8(s), 0);
+}
+
+// t / 20 = (t >> 2) / 5 for t >= 0, and for u = t >> 2 <= 1275 (t at most
+// 20 * 255) (2 u 6554) >> 16 = u * 13108 / 65536 is u / 5: 13108 = 65540 / 5
+// overshoots by u * 4 / (5 * 65536) < 0.016, less than the 1/5 left above
+// the largest remainder.
+constexpr int16_t kFifthOfQuarter = 6554;
 
 inline float32x4_t toFloat(int16x4_t v)
 {
     return vcvtq_f32_s32(vmovl_s16(v));
 }
 
-inline Chroma chroma8(uint8x8_t u8, uint8x8_t v8)
-{
-    const int16x8_t u = vreinterpretq_s16_u16(vsubl_u8(u8, vdup_n_u8(128)));
-    const int16x8_t v = vreinterpretq_s16_u16(vsubl_u8(v8, vdup_n_u8(128)));
-    Chroma c;
-    for (int h = 0; h < 2; ++h) {
-        const float32x4_t fu = toFloat(h ? vget_high_s16(u) : vget_low_s16(u));
-        const float32x4_t fv = toFloat(h ? vget_high_s16(v) : vget_low_s16(v));
-        c.b[h] = vmulq_n_f32(fu, 2018.0f);
-        c.g[h] = vsubq_f32(vmulq_n_f32(fv, -813.0f), vmulq_n_f32(fu, 380.0f));
-        c.r[h] = vmulq_n_f32(fv, 1159.0f);
-    }
-    return c;
-}
+// Coefficients by lane, so that they stay in a few registers rather than
+// one register each.
+struct YuvGreyConstants {
+    float32x4_t f;  // 1164, 2018, -813, 380
+    float32x2_t f2; // 1159, 0.001
+    int32x4_t w;    // 587, 299, 114, 2147484
+    int32x2_t w2;   // 1000, unused
+};
 
-inline int32x4_t div1000(float32x4_t x)
+inline int32x4_t div1000(float32x4_t x, const YuvGreyConstants& k)
 {
-    return vcvtq_s32_f32(vmulq_n_f32(x, 0.001f));
-}
-
-// Truncated, unclamped B, G, R of the 8 pixels with lumas y8 (one per pair).
-inline void bgr8(uint8x8_t y8, const Chroma& c, int32x4_t b[2], int32x4_t g[2], int32x4_t r[2])
-{
-    const int16x8_t y = vreinterpretq_s16_u16(vsubl_u8(y8, vdup_n_u8(16)));
-    for (int h = 0; h < 2; ++h) {
-        const float32x4_t fy = vmulq_n_f32(toFloat(h ? vget_high_s16(y) : vget_low_s16(y)), 1164.0f);
-        b[h] = div1000(vaddq_f32(fy, c.b[h]));
-        g[h] = div1000(vaddq_f32(fy, c.g[h]));
-        r[h] = div1000(vaddq_f32(fy, c.r[h]));
-    }
-}
-
-inline uint8x8_t clampBytes(const int32x4_t v[2])
-{
-    return vqmovun_s16(vcombine_s16(vqmovn_s32(v[0]), vqmovn_s32(v[1])));
+    return vcvtq_s32_f32(vmulq_lane_f32(x, k.f2, 1));
 }
 
 // The exact lanes of weightedGrey4, out of line so that the vector path
@@ -109,11 +152,12 @@ __attribute__((noinline)) int32x4_t exactLanes(int32x4_t b, int32x4_t g, int32x4
 // is exact in 32 bits, and (2 W 2147484 >> 32) is W / 1000 rounded down for
 // every W below 256000 (above, it is at least 256; below 0, negative; both
 // clamp alike). Exact quotients in 1 .. 255 follow the double rule.
-inline int32x4_t weightedGrey4(int32x4_t b, int32x4_t g, int32x4_t r)
+inline int32x4_t weightedGrey4(int32x4_t b, int32x4_t g, int32x4_t r, const YuvGreyConstants& k)
 {
-    const int32x4_t w = vmlaq_n_s32(vmlaq_n_s32(vmulq_n_s32(g, 587), r, 299), b, 114);
-    const int32x4_t q = vqdmulhq_n_s32(w, 2147484);
-    const uint32x4_t exact = vandq_u32(vceqq_s32(vmlsq_n_s32(w, q, 1000), vdupq_n_s32(0)),
+    const int32x2_t lo = vget_low_s32(k.w), hi = vget_high_s32(k.w);
+    const int32x4_t w = vmlaq_lane_s32(vmlaq_lane_s32(vmulq_lane_s32(g, lo, 0), r, lo, 1), b, hi, 0);
+    const int32x4_t q = vqdmulhq_lane_s32(w, hi, 1);
+    const uint32x4_t exact = vandq_u32(vceqq_s32(vmlsq_lane_s32(w, q, k.w2, 0), vdupq_n_s32(0)),
                                        vcltq_u32(vreinterpretq_u32_s32(vsubq_s32(q, vdupq_n_s32(1))),
                                                  vdupq_n_u32(255)));
     const uint32x2_t any = vorr_u32(vget_low_u32(exact), vget_high_u32(exact));
@@ -175,23 +219,42 @@ void yuvToBgr(int nType, const unsigned char* pSrc, unsigned char* pDst, std::si
     s_fn[nType](pSrc, pDst, nPairs);
 }
 
+// Grey of 4 pixels with lumas y (less 16) and the chroma terms cb, cg, cr of
+// their pairs, saturated to 16 bits.
+inline int16x4_t greyOf4(int16x4_t y, float32x4_t cb, float32x4_t cg, float32x4_t cr, const YuvGreyConstants& k)
+{
+    const float32x4_t fy = vmulq_lane_f32(toFloat(y), vget_low_f32(k.f), 0);
+    return vqmovn_s32(weightedGrey4(div1000(vaddq_f32(fy, cb), k), div1000(vaddq_f32(fy, cg), k),
+                                    div1000(vaddq_f32(fy, cr), k), k));
+}
+
+// Four pairs at a time, both lumas per chroma: few enough live vectors that
+// the chroma terms and the constants stay in the 16 q registers.
 template <int nType>
 void yuvToGrayOf(const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs)
 {
     constexpr const unsigned char* pos = scalar::kGroupPos[nType];
+    const YuvGreyConstants k = {{1164.0f, 2018.0f, -813.0f, 380.0f}, {1159.0f, 0.001f}, {587, 299, 114, 2147484}, {1000, 0}};
     std::size_t i = 0;
     for (; i + 8 <= nPairs; i += 8, pSrc += 32, pDst += 16) {
         const uint8x8x4_t g = vld4_u8(pSrc);
-        const Chroma c = chroma8(g.val[pos[1]], g.val[pos[3]]);
-        int32x4_t b[2], gg[2], r[2], q[2];
-        bgr8(g.val[pos[0]], c, b, gg, r);
-        q[0] = weightedGrey4(b[0], gg[0], r[0]);
-        q[1] = weightedGrey4(b[1], gg[1], r[1]);
-        const uint8x8_t left = clampBytes(q);
-        bgr8(g.val[pos[2]], c, b, gg, r);
-        q[0] = weightedGrey4(b[0], gg[0], r[0]);
-        q[1] = weightedGrey4(b[1], gg[1], r[1]);
-        const uint8x8x2_t z = vzip_u8(left, clampBytes(q));
+        const int16x8_t u = vreinterpretq_s16_u16(vsubl_u8(g.val[pos[1]], vdup_n_u8(128)));
+        const int16x8_t v = vreinterpretq_s16_u16(vsubl_u8(g.val[pos[3]], vdup_n_u8(128)));
+        const int16x8_t y0 = vreinterpretq_s16_u16(vsubl_u8(g.val[pos[0]], vdup_n_u8(16)));
+        const int16x8_t y1 = vreinterpretq_s16_u16(vsubl_u8(g.val[pos[2]], vdup_n_u8(16)));
+        int16x4_t left[2], right[2];
+        for (int h = 0; h < 2; ++h) {
+            const float32x4_t fu = toFloat(h ? vget_high_s16(u) : vget_low_s16(u));
+            const float32x4_t fv = toFloat(h ? vget_high_s16(v) : vget_low_s16(v));
+            const float32x2_t flo = vget_low_f32(k.f), fhi = vget_high_f32(k.f);
+            const float32x4_t cb = vmulq_lane_f32(fu, flo, 1);
+            const float32x4_t cg = vsubq_f32(vmulq_lane_f32(fv, fhi, 0), vmulq_lane_f32(fu, fhi, 1));
+            const float32x4_t cr = vmulq_lane_f32(fv, k.f2, 0);
+            left[h] = greyOf4(h ? vget_high_s16(y0) : vget_low_s16(y0), cb, cg, cr, k);
+            right[h] = greyOf4(h ? vget_high_s16(y1) : vget_low_s16(y1), cb, cg, cr, k);
+        }
+        const uint8x8x2_t z = vzip_u8(vqmovun_s16(vcombine_s16(left[0], left[1])),
+                                      vqmovun_s16(vcombine_s16(right[0], right[1])));
         vst1q_u8(pDst, vcombine_u8(z.val[0], z.val[1]));
     }
     scalar::kKernels.yuvToGray(nType, pSrc, pDst, nPairs - i);
@@ -227,9 +290,10 @@ void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
         // Exact: t a multiple of 8 and w - 1 = 125 q.
         const uint16x8_t exact = vbicq_u16(vceqq_u16(vmlaq_n_u16(vdupq_n_u16(1), q, 125), w),
                                            vtstq_u16(t, vdupq_n_u16(7)));
-        uint64_t m = vget_lane_u64(vreinterpret_u64_u8(vmovn_u16(exact)), 0);
-        for (int j = 0; m != 0; ++j, m >>= 8)
-            if (m & 0xFF) {
+        const uint8x8_t e8 = vmovn_u16(exact);
+        if (anyLane(e8))
+            for (unsigned m = laneBits8(e8); m != 0; m &= m - 1) {
+                const int j = __builtin_ctz(m);
                 const unsigned char* px = pSrc + 3 * j;
                 pDst[j] = static_cast<unsigned char>(pDst[j] - fix[px[1] * 256 + px[2]]);
             }
@@ -239,29 +303,45 @@ void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 
 void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
-    // t = 20 * (b1 * 0.6 + b2 * 0.25 + b0 * 0.15) is an integer; when t is not
-    // a multiple of 20 the truncated result is t / 20 whatever the rounding.
-    // Multiples (one pixel in 20, every grey pixel) take their bit from the
-    // (b1, b2) table.
+    // t = 20 * (b1 * 0.6 + b2 * 0.25 + b0 * 0.15) = 12 b1 + 5 b2 + 3 b0 is an
+    // integer; when t is not a multiple of 20 the truncated result is t / 20
+    // whatever the rounding. Multiples (one pixel in 20, every grey pixel)
+    // may come out one less: grey pixels by value from a 256-bit set in
+    // vectors, the others from the (b1, b2) table lane by lane (a handful per
+    // frame block on noise, and NEON has no gather).
+    const uint8x8x4_t greyFix = equalChannelFix().grey3;
     const unsigned short* fix = scalar::grey3FixEntries();
     std::size_t i = 0;
-    for (; i + 8 <= n; i += 8, pSrc += 24, pDst += 8) {
-        const uint8x8x3_t p = vld3_u8(pSrc);
-        uint16x8_t t = vmull_u8(p.val[1], vdup_n_u8(12));
-        t = vmlal_u8(t, p.val[2], vdup_n_u8(5));
-        t = vmlal_u8(t, p.val[0], vdup_n_u8(3));
-        // t / 20 for t < 16384: (t * 3277) >> 16.
-        const uint16x4_t qlo = vshrn_n_u32(vmull_n_u16(vget_low_u16(t), 3277), 16);
-        const uint16x4_t qhi = vshrn_n_u32(vmull_n_u16(vget_high_u16(t), 3277), 16);
-        const uint16x8_t q = vcombine_u16(qlo, qhi);
-        vst1_u8(pDst, vmovn_u16(q));
-        const uint8x8_t exact = vmovn_u16(vceqq_u16(vmulq_n_u16(q, 20), t));
-        uint64_t m = vget_lane_u64(vreinterpret_u64_u8(exact), 0);
-        for (int j = 0; m != 0; ++j, m >>= 8)
-            if (m & 0xFF) {
+    for (; i + 16 <= n; i += 16, pSrc += 48, pDst += 16) {
+        const uint8x16x3_t p = vld3q_u8(pSrc);
+        uint8x8_t q[2], e[2];
+        for (int h = 0; h < 2; ++h) {
+            const uint8x8_t b0 = h ? vget_high_u8(p.val[0]) : vget_low_u8(p.val[0]);
+            const uint8x8_t b1 = h ? vget_high_u8(p.val[1]) : vget_low_u8(p.val[1]);
+            const uint8x8_t b2 = h ? vget_high_u8(p.val[2]) : vget_low_u8(p.val[2]);
+            uint16x8_t t = vmull_u8(b1, vdup_n_u8(12));
+            t = vmlal_u8(t, b2, vdup_n_u8(5));
+            t = vmlal_u8(t, b0, vdup_n_u8(3));
+            const uint16x8_t q16 = vreinterpretq_u16_s16(
+                vqdmulhq_n_s16(vreinterpretq_s16_u16(vshrq_n_u16(t, 2)), kFifthOfQuarter));
+            q[h] = vmovn_u16(q16);
+            e[h] = vmovn_u16(vceqq_u16(vmulq_n_u16(q16, 20), t));
+        }
+        uint8x16_t bytes = vcombine_u8(q[0], q[1]);
+        if (anyLane(vorr_u8(e[0], e[1]))) {
+            const uint8x16_t exact = vcombine_u8(e[0], e[1]);
+            const uint8x16_t grey = vandq_u8(exact, vandq_u8(vceqq_u8(p.val[0], p.val[1]), vceqq_u8(p.val[1], p.val[2])));
+            if (anyLane(vorr_u8(vget_low_u8(grey), vget_high_u8(grey))))
+                bytes = vsubq_u8(bytes, vandq_u8(grey, bitOfValue(greyFix, bytes)));
+            vst1q_u8(pDst, bytes);
+            for (unsigned m = laneBits(vbicq_u8(exact, grey)); m != 0; m &= m - 1) {
+                const int j = __builtin_ctz(m);
                 const unsigned char* px = pSrc + 3 * j;
                 pDst[j] = static_cast<unsigned char>(pDst[j] - ((fix[px[1] * 256 + px[2]] >> (px[0] / 20)) & 1));
             }
+            continue;
+        }
+        vst1q_u8(pDst, bytes);
     }
     scalar::kKernels.grey3To1(pSrc, pDst, n - i);
 }

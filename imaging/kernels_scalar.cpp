@@ -17,22 +17,81 @@ inline unsigned char clampByte(int n)
     return static_cast<unsigned char>(n < 0 ? 0 : (n > 255 ? 255 : n));
 }
 
-} // namespace
+// The rules in integers, inline: the per-pixel call into the reference and
+// its double arithmetic dominated the VFP-only build. Where double rounding
+// can decide (exact quotients) the tables or the reference answer.
+// Chroma terms of a pair, shared by its two pixels.
+struct Chroma {
+    int b, g, r;
+};
 
-void yuvPixelBgr(int nY, int nU, int nV, unsigned char* pOut)
+inline Chroma chromaOf(int nU, int nV)
+{
+    const int d = nU - 128, e = nV - 128;
+    return {2018 * d, -813 * e - 380 * d, 1159 * e};
+}
+
+// Unclamped colour, as ref::yuvToBgrUnclamped (C division truncates toward zero).
+inline void bgrOf(int nY, const Chroma& c, int& b, int& g, int& r)
+{
+    const int y = 1164 * (nY - 16);
+    b = (y + c.b) / 1000;
+    g = (y + c.g) / 1000;
+    r = (y + c.r) / 1000;
+}
+
+inline void storeBgr(int nY, const Chroma& c, unsigned char* pOut)
 {
     int b, g, r;
-    ref::yuvToBgrUnclamped(nY, nU, nV, b, g, r);
+    bgrOf(nY, c, b, g, r);
     pOut[0] = clampByte(b);
     pOut[1] = clampByte(g);
     pOut[2] = clampByte(r);
 }
 
-unsigned char yuvPixelGray(int nY, int nU, int nV)
+// Weighted grey of bytes: S = 587 g + 299 r + 114 b, the rule's sum times
+// 1000, is exact in integers, so S / 1000 unless S is a multiple of 1000,
+// where the double rule may come out one less: fix says so for (g, r) (b is
+// then the one value that makes S such a multiple).
+inline int greyOfBytes(unsigned b, unsigned g, unsigned r, const unsigned char* fix)
+{
+    const unsigned s = 587 * g + 299 * r + 114 * b;
+    const unsigned q = s / 1000;
+    return static_cast<int>(s == 1000 * q ? q - fix[g * 256 + r] : q);
+}
+
+// Clamped grey of unclamped colour. Off an exact quotient the double rule's
+// error (far below 1e-9) cannot cross an integer, so it truncates W / 1000
+// toward zero like C. Exact quotients at or below 0 or above 255 clamp alike
+// either way; in between the table answers for bytes, the rule for the rest.
+inline unsigned char clampedGrey(int b, int g, int r, const unsigned char* fix)
+{
+    const int w = 587 * g + 299 * r + 114 * b;
+    const int q = w / 1000;
+    if (w != 1000 * q || q <= 0 || q > 255)
+        return clampByte(q);
+    if ((static_cast<unsigned>(b) | static_cast<unsigned>(g) | static_cast<unsigned>(r)) <= 255)
+        return static_cast<unsigned char>(q - fix[g * 256 + r]);
+    return clampByte(ref::weightedGrey(b, g, r));
+}
+
+inline unsigned char storeGrey(int nY, const Chroma& c, const unsigned char* fix)
 {
     int b, g, r;
-    ref::yuvToBgrUnclamped(nY, nU, nV, b, g, r);
-    return clampByte(ref::weightedGrey(b, g, r));
+    bgrOf(nY, c, b, g, r);
+    return clampedGrey(b, g, r, fix);
+}
+
+} // namespace
+
+void yuvPixelBgr(int nY, int nU, int nV, unsigned char* pOut)
+{
+    storeBgr(nY, chromaOf(nU, nV), pOut);
+}
+
+unsigned char yuvPixelGray(int nY, int nU, int nV)
+{
+    return storeGrey(nY, chromaOf(nU, nV), weightedFixEntries());
 }
 
 namespace {
@@ -41,26 +100,28 @@ void yuvToBgr(int nType, const unsigned char* pSrc, unsigned char* pDst, std::si
 {
     const unsigned char* pos = kGroupPos[nType];
     for (std::size_t i = 0; i < nPairs; ++i, pSrc += 4, pDst += 6) {
-        const int u = pSrc[pos[1]], v = pSrc[pos[3]];
-        yuvPixelBgr(pSrc[pos[0]], u, v, pDst);
-        yuvPixelBgr(pSrc[pos[2]], u, v, pDst + 3);
+        const Chroma c = chromaOf(pSrc[pos[1]], pSrc[pos[3]]);
+        storeBgr(pSrc[pos[0]], c, pDst);
+        storeBgr(pSrc[pos[2]], c, pDst + 3);
     }
 }
 
 void yuvToGray(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size_t nPairs)
 {
     const unsigned char* pos = kGroupPos[nType];
+    const unsigned char* fix = weightedFixEntries();
     for (std::size_t i = 0; i < nPairs; ++i, pSrc += 4, pDst += 2) {
-        const int u = pSrc[pos[1]], v = pSrc[pos[3]];
-        pDst[0] = yuvPixelGray(pSrc[pos[0]], u, v);
-        pDst[1] = yuvPixelGray(pSrc[pos[2]], u, v);
+        const Chroma c = chromaOf(pSrc[pos[1]], pSrc[pos[3]]);
+        pDst[0] = storeGrey(pSrc[pos[0]], c, fix);
+        pDst[1] = storeGrey(pSrc[pos[2]], c, fix);
     }
 }
 
 void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
+    const unsigned char* fix = weightedFixEntries();
     for (std::size_t i = 0; i < n; ++i, pSrc += 3)
-        pDst[i] = static_cast<unsigned char>(ref::weightedGrey(pSrc[0], pSrc[1], pSrc[2]));
+        pDst[i] = static_cast<unsigned char>(greyOfBytes(pSrc[0], pSrc[1], pSrc[2], fix));
 }
 
 void expand3(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, const unsigned char* lut)
@@ -175,8 +236,22 @@ namespace {
 
 void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
+#if defined(__arm__)
+    // t = 12 b1 + 5 b2 + 3 b0 is 20 times the rule's sum, exact in integers;
+    // only its multiples of 20 (one pixel in 20) can come out one less. On
+    // VFP this beats the rule's double arithmetic; on x86-64 SSE2 it does not.
+    const unsigned short* fix = grey3FixEntries();
+    for (std::size_t i = 0; i < n; ++i, pSrc += 3) {
+        const unsigned t = 12u * pSrc[1] + 5u * pSrc[2] + 3u * pSrc[0];
+        unsigned q = t / 20;
+        if (__builtin_expect(t == 20 * q, 0))
+            q -= (fix[pSrc[1] * 256 + pSrc[2]] >> (pSrc[0] / 20)) & 1;
+        pDst[i] = static_cast<unsigned char>(q);
+    }
+#else
     for (std::size_t i = 0; i < n; ++i, pSrc += 3)
         pDst[i] = ref::grey3To1(pSrc);
+#endif
 }
 
 } // namespace

@@ -54,6 +54,11 @@ void toType(int nType, const unsigned char* pSrc, unsigned char* pDst, std::size
             pDst[4 * i + pos[c]] = pSrc[4 * i + c];
 }
 
+unsigned char clampByte(int n)
+{
+    return static_cast<unsigned char>(n < 0 ? 0 : (n > 255 ? 255 : n));
+}
+
 size_t firstDiff(const std::vector<unsigned char>& a, const std::vector<unsigned char>& b)
 {
     return static_cast<size_t>(std::mismatch(a.begin(), a.end(), b.begin()).first - a.begin());
@@ -77,10 +82,15 @@ TEST(PixelKernels, YuvToBgrAndGreyMatchReferenceOnAllInputs)
             g[1] = static_cast<unsigned char>(u);
             g[2] = static_cast<unsigned char>(y + 1);
             g[3] = static_cast<unsigned char>(v);
-            scalar::yuvPixelBgr(y, u, v, &wantBgr[6 * i]);
-            scalar::yuvPixelBgr(y + 1, u, v, &wantBgr[6 * i + 3]);
-            wantGrey[2 * i] = scalar::yuvPixelGray(y, u, v);
-            wantGrey[2 * i + 1] = scalar::yuvPixelGray(y + 1, u, v);
+            for (int h = 0; h < 2; ++h) {
+                int b, g, r;
+                ref::yuvToBgrUnclamped(y + h, u, v, b, g, r);
+                unsigned char* px = &wantBgr[6 * i + 3 * h];
+                px[0] = clampByte(b);
+                px[1] = clampByte(g);
+                px[2] = clampByte(r);
+                wantGrey[2 * i + h] = clampByte(ref::weightedGrey(b, g, r));
+            }
         }
         for (int type = 0; type < 4; ++type) {
             toType(type, src.data(), typed.data(), nGroups);
