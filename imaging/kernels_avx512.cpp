@@ -300,9 +300,10 @@ void yuvToGray(int nType, const unsigned char* pSrc, unsigned char* pDst, std::s
         __m512i wB = set32(x86::wordPair(114, -114)), wG = set32(x86::wordPair(587, -587)), wR = set32(x86::wordPair(299, -299));
         __m512 channelScale = _mm512_set1_ps(kc::kChannelScale), channelBase = _mm512_set1_ps(kc::kChannelBase);
         __m512 milli = _mm512_set1_ps(0.001f), greyBase = _mm512_set1_ps(kc::kGreyBase);
+        __m512i fraction = _mm512_set1_epi32(kc::kGreyFractionMask), bias = _mm512_set1_epi32(kc::kGreyQuotientBias);
         // Opaque, so that GCC keeps them in registers instead of building them
         // again in every pass (without, the kernel takes a quarter longer).
-        __asm__("" : "+v"(order), "+v"(start), "+v"(wB), "+v"(wG), "+v"(wR));
+        __asm__("" : "+v"(order), "+v"(start), "+v"(wB), "+v"(wG), "+v"(wR), "+v"(fraction), "+v"(bias));
         __asm__("" : "+v"(channelScale), "+v"(channelBase), "+v"(milli), "+v"(greyBase));
         const __m512i weight[3] = {wB, wG, wR};
         // Pixels to redo by the rule wait in a short list, so that the loop
@@ -313,28 +314,36 @@ void yuvToGray(int nType, const unsigned char* pSrc, unsigned char* pDst, std::s
         } pending[16];
         int nPending = 0;
         for (; i + 16 <= nPairs && nPending < 16; i += 16) {
-            __m512i s[6], q[2];
-            __mmask16 exact[2], grey[2];
+            __m512i s[6], y[6], q[2];
+            __mmask16 exact[2];
             sums(pSrc + 4 * i, s);
             for (int h = 0; h < 2; ++h) {
-                __m512i y[3], w = start;
+                __m512i w = start;
                 for (int c = 0; c < 3; ++c) {
-                    y[c] = _mm512_castps_si512(_mm512_fmadd_round_ps(_mm512_castsi512_ps(s[3 * h + c]), channelScale, channelBase, kDown));
-                    w = _mm512_dpwssd_epi32(w, y[c], weight[c]);
+                    y[3 * h + c] = _mm512_castps_si512(
+                        _mm512_fmadd_round_ps(_mm512_castsi512_ps(s[3 * h + c]), channelScale, channelBase, kDown));
+                    w = _mm512_dpwssd_epi32(w, y[3 * h + c], weight[c]);
                 }
                 const __m512i z = _mm512_castps_si512(_mm512_fmadd_round_ps(_mm512_castsi512_ps(w), milli, greyBase, kDown));
-                q[h] = _mm512_add_epi32(_mm512_srli_epi32(z, 10), _mm512_set1_epi32(kc::kGreyQuotientBias));
-                // Only quotients 1 .. 255 matter: elsewhere one less clamps to the same byte.
-                exact[h] = _mm512_mask_cmple_epi32_mask(_mm512_mask_cmpge_epi32_mask(_mm512_testn_epi32_mask(z, _mm512_set1_epi32(kc::kGreyFractionMask)),
-                                                                                     q[h], _mm512_set1_epi32(1)),
-                                                        q[h], _mm512_set1_epi32(255));
-                grey[h] = _mm512_mask_cmpeq_epi32_mask(_mm512_mask_cmpeq_epi32_mask(exact[h], y[0], y[1]), y[1], y[2]);
+                q[h] = _mm512_add_epi32(_mm512_srli_epi32(z, 10), bias);
+                exact[h] = _mm512_testn_epi32_mask(z, fraction);
             }
             const __m512i words = _mm512_packs_epi32(q[0], q[1]);
             __m512i bytes = _mm512_permutexvar_epi8(order, _mm512_packus_epi16(words, words));
+            // Exact quotients are rare on camera frames: their range and grey
+            // tests stay out of the common path.
             if ((exact[0] | exact[1]) != 0) {
+                __mmask16 grey[2], other[2];
+                for (int h = 0; h < 2; ++h) {
+                    // Only quotients 1 .. 255 matter: elsewhere one less clamps to the same byte.
+                    const __mmask16 m = _mm512_mask_cmple_epi32_mask(
+                        _mm512_mask_cmpge_epi32_mask(exact[h], q[h], _mm512_set1_epi32(1)), q[h], _mm512_set1_epi32(255));
+                    grey[h] = _mm512_mask_cmpeq_epi32_mask(_mm512_mask_cmpeq_epi32_mask(m, y[3 * h], y[3 * h + 1]),
+                                                           y[3 * h + 1], y[3 * h + 2]);
+                    other[h] = m & ~grey[h];
+                }
                 bytes = _mm512_mask_blend_epi8(pixelMask(grey[0], grey[1], l.nFirst), bytes, Lut(greyOfGrey)(bytes));
-                if (const unsigned m = pixelMask(exact[0] & ~grey[0], exact[1] & ~grey[1], l.nFirst))
+                if (const unsigned m = pixelMask(other[0], other[1], l.nFirst))
                     pending[nPending++] = {i, m};
             }
             _mm256_storeu_si256(reinterpret_cast<__m256i*>(pDst + 2 * i), _mm512_castsi512_si256(bytes));
