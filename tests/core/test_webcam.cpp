@@ -80,28 +80,18 @@ TEST_F(WebCam, LifecycleAndMessages)
     EXPECT_EQ(torvanesim_open_count(), 0);
 }
 
-TEST_F(WebCam, ClickTriggersOnlyInSoftwareMode)
+// A click triggers only in software mode. Software triggers that no request
+// answered are gone after a change of mode, as in the SDK: a request then
+// waits for a new one, which another thread can send while it waits.
+TEST_F(WebCam, ClickTriggersInSoftwareModeAndModeChangeDropsUnansweredTriggers)
 {
     open(CCDIF::PixFmtGray8);
-    for (auto mode : {CCDIF::TriggerVideo, CCDIF::TriggerHard, CCDIF::TriggerSoft}) {
+    for (auto mode : {CCDIF::TriggerSoft, CCDIF::TriggerHard, CCDIF::TriggerVideo, CCDIF::TriggerSoft}) {
         settings.eTriggerType = mode;
         ASSERT_TRUE(cam.applyNewSettings(settings));
         const int before = torvanesim_trigger_calls();
-        EXPECT_TRUE(cam.click());
-        EXPECT_EQ(torvanesim_trigger_calls() - before, mode == CCDIF::TriggerSoft ? 1 : 0);
-    }
-}
-
-// Software triggers that no request answered are gone after a change of mode,
-// as in the SDK: a request then waits for a new one, which another thread can
-// send while it waits.
-TEST_F(WebCam, ModeChangeDropsUnansweredTriggers)
-{
-    open(CCDIF::PixFmtGray8);
-    for (auto mode : {CCDIF::TriggerSoft, CCDIF::TriggerVideo, CCDIF::TriggerSoft}) {
-        settings.eTriggerType = mode;
-        ASSERT_TRUE(cam.applyNewSettings(settings));
         ASSERT_TRUE(cam.click());
+        EXPECT_EQ(torvanesim_trigger_calls() - before, mode == CCDIF::TriggerSoft ? 1 : 0) << mode;
     }
     EXPECT_TRUE(cam.waitNewImage(100)); // the last click's frame
     EXPECT_EQ(requestWhile([&] { cam.click(); }), std::make_pair(true, true));
@@ -145,11 +135,9 @@ TEST_F(WebCam, GammaTable)
         Bytes out;
     } worked[] = {
         {0.001f, {0, 241, 242, 248, 251, 253, 254, 254, 255}},
-        {0.01f, {0, 241, 242, 248, 251, 253, 254, 254, 255}},
         {0.5f, {0, 15, 22, 63, 127, 180, 225, 254, 255}},
         {1.0105f, {0, 0, 1, 15, 63, 127, 199, 253, 255}}, // just past 1.01: it counts
         {2.2f, {0, 0, 0, 0, 12, 55, 149, 252, 255}},
-        {10.0f, {0, 0, 0, 0, 0, 0, 22, 245, 255}},
         {25.0f, {0, 0, 0, 0, 0, 0, 22, 245, 255}},
     };
     for (const auto& w : worked) {
