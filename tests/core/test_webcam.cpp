@@ -152,26 +152,6 @@ TEST_F(WebCam, GammaTable)
     EXPECT_EQ(deliver(2, 1, 1, {64, 255}), (Bytes{127, 127, 127, 255, 255, 255}));
 }
 
-// Frames of several thousand pixels, as a camera sends them: every pixel gets
-// its grey value and gamma, up to the last one.
-TEST_F(WebCam, LargeFramesArriveWhole)
-{
-    const int w = 4099, h = 3; // more than 12288 pixels, not a multiple of any block or vector size
-    Bytes grey(static_cast<size_t>(w) * h), colour(3 * grey.size());
-    for (size_t i = 0; i < grey.size(); ++i) {
-        grey[i] = i % 7 == 0 ? 255 : 64;
-        colour[3 * i] = colour[3 * i + 1] = colour[3 * i + 2] = grey[i];
-    }
-    Bytes corrected(grey.size()); // gamma 0.5: 64 becomes 127
-    for (size_t i = 0; i < grey.size(); ++i)
-        corrected[i] = grey[i] == 255 ? 255 : 127;
-    open(CCDIF::PixFmtGray8);
-    EXPECT_EQ(deliver(w, h, 3, colour), grey);
-    setGamma(0.5f);
-    EXPECT_EQ(deliver(w, h, 3, colour), corrected);
-    EXPECT_EQ(deliver(w, h, 1, grey), corrected);
-}
-
 TEST_F(WebCam, CopyNeedsTheExactGeometry)
 {
     open(CCDIF::PixFmtBGR);
