@@ -225,29 +225,4 @@ TEST_F(Hostile, OutOfMemoryThrowsNothingAndChangesNothing)
     EXPECT_TRUE(takesWhole(false, false, 640, 480));
 }
 
-// The one shared text buffer grows by half again each time it is too small
-// (1023 bytes and the NUL fill the first 1024), keeps every byte of texts of
-// many megabytes, and never shrinks.
-TEST(HostileSharedText, GrowsForTextsOfManyMegabytes)
-{
-    if (gnConfigStringLen == 1024) {
-        transConfigString(QString(1023, 'x'));
-        EXPECT_EQ(gnConfigStringLen, 1536);
-    }
-    int last = gnConfigStringLen;
-    for (int mb : {1, 3, 8, 24}) {
-        const int n = mb << 20;
-        QString big(n, QChar('a' + mb));
-        big[n - 1] = QChar(0x20AC); // three bytes in UTF-8 at the very end
-        const char* out = transConfigString(big);
-        ASSERT_TRUE(out == gszConfigString && std::strlen(out) == static_cast<size_t>(n) + 2) << mb << " MB";
-        EXPECT_EQ(out[0] + std::string(out + n - 1), char('a' + mb) + std::string("\xe2\x82\xac"));
-        EXPECT_GE(gnConfigStringLen, last);
-        EXPECT_LE(gnConfigStringLen, std::max(last, static_cast<int>((n + 3) * 1.5) + 1));
-        last = gnConfigStringLen;
-    }
-    EXPECT_EQ(text(transConfigString(QString())), "");
-    EXPECT_EQ(gnConfigStringLen, last);
-}
-
 } // namespace

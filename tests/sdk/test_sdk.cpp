@@ -72,29 +72,6 @@ TEST_F(Sdk, ReusedFramesOnlyChangeTheirNumber)
     }
 }
 
-TEST_F(Sdk, TwoUsersAtOnceKeepTheirOwnFrames)
-{
-    torvanesim_set_frame_rate(0);
-    ASSERT_EQ(set_camera_window_size(160, 120, 0), 0);
-    int bad[2] = {0, 0};
-    auto user = [](int* badFrames) {
-        std::vector<unsigned char> want(160 * 120 * 3);
-        for (int i = 0; i < 100; ++i) {
-            int fw, fh, fb;
-            const unsigned char* p = get_frame_timeout(&fw, &fh, &fb, 0, 2000);
-            const unsigned int n = p ? torvanesim_frame_number(p, 3) : 0;
-            std::this_thread::sleep_for(std::chrono::microseconds(200)); // the other user runs meanwhile
-            torvanesim_render_frame(n, 160, 120, 3, want.data());
-            *badFrames += !p || std::memcmp(p, want.data(), want.size()) != 0;
-        }
-    };
-    std::thread a(user, &bad[0]), b(user, &bad[1]);
-    a.join();
-    b.join();
-    EXPECT_EQ(bad[0], 0);
-    EXPECT_EQ(bad[1], 0);
-}
-
 // The strict mode keeps a frame exactly as long as the SDK promises: one
 // buffer for all, spoiled by the next SDK call from any thread.
 TEST_F(Sdk, StrictFramesLastUntilTheNextCallFromAnyThread)
