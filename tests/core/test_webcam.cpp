@@ -181,9 +181,7 @@ TEST_F(WebCam, SettingsAreClampedAndSent)
                                                         "set_camera_mode(1,0)"}));
     CCDIF::CCDSettings r;
     ASSERT_TRUE(cam.getCurSettings(&r));
-    EXPECT_EQ(r.fGamma, 0.01f);
-    EXPECT_EQ(r.fWhiteBalanceR, 2.0f);
-    EXPECT_EQ(r.fWhiteBalanceG, 0.1f);
+    EXPECT_EQ((std::vector<float>{r.fGamma, r.fWhiteBalanceR, r.fWhiteBalanceG}), (std::vector<float>{0.01f, 2.0f, 0.1f}));
 
     // Each correction on its own, limited like the rest.
     cam.modifyWhiteBalanceR(0.5f);
@@ -191,10 +189,8 @@ TEST_F(WebCam, SettingsAreClampedAndSent)
     cam.modifyWhiteBalanceB(5.0f);
     cam.modifyGamma(20.0f);
     ASSERT_TRUE(cam.getCurSettings(&r));
-    EXPECT_EQ(r.fWhiteBalanceR, 0.5f);
-    EXPECT_EQ(r.fWhiteBalanceG, 1.5f);
-    EXPECT_EQ(r.fWhiteBalanceB, 2.0f);
-    EXPECT_EQ(r.fGamma, 10.0f);
+    EXPECT_EQ((std::vector<float>{r.fWhiteBalanceR, r.fWhiteBalanceG, r.fWhiteBalanceB, r.fGamma}),
+              (std::vector<float>{0.5f, 1.5f, 2.0f, 10.0f}));
 
     s.eTriggerType = static_cast<CCDIF::TriggerType>(3); // no mode for an unknown trigger (3 is within the type)
     torvanesim_log_clear();

@@ -250,8 +250,6 @@ TEST_F(Dialog, AutoWhiteBalanceSetsTheGainsThatEqualiseTheChannels)
     const std::tuple<QString, bool, std::vector<unsigned char>, const char*> cases[] = {
         // The measurement's rules are in tests/imaging; here the frame reaches it.
         {strColour, false, frame(200, {150, 125, 100}), "125|100|83"},
-        // Means over two colours: R 125, G 100, B 87.5.
-        {strColour, false, frame(200, {50, 100, 200}, 50, {100, 100, 100}), "83|104|119"},
         // White surface: only the 10 of 200 pixels at brightness 600 are above the
         // level (300) at which the brightest tenth is crossed.
         {strColour, true, frame(200, {150, 200, 250}, 10, {100, 100, 100}), "80|100|133"},
