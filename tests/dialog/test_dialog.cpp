@@ -114,12 +114,11 @@ TEST_F(Dialog, FailedOpenShowsTheCamerasMessageAndCanBeRetried)
 TEST_F(Dialog, OpenShowsTheRegionAndSettingsTheCameraSettledOn)
 {
     torvanesim_set_sensor(1280, 960, 3);
-    // 0 or less is the maximum, widths round up to multiples of 4; a refused size
+    // Text that is no number is the maximum, widths round up to multiples of 4; a refused size
     // shows 0 and the camera's message, and the open goes on. With no settings
     // loaded the camera keeps its own (exposure 20000); Apply sends the edits and
     // shows what the camera holds (gamma limited there).
-    const char* const cases[][3] = {{"0", "0", "1280|960||20000|10.00"}, {"641", "479", "644|480||20000|10.00"},
-                                    {"-5", "480", "1280|480||20000|10.00"}, {"abc", "64", "1280|64||20000|10.00"},
+    const char* const cases[][3] = {{"641", "479", "644|480||20000|10.00"}, {"abc", "64", "1280|64||20000|10.00"},
                                     {"640", "480", "0|0|Set Camera resolution failed!|20000|10.00"}};
     for (const auto& c : cases) {
         torvanesim_fail_set_window_size(QString(c[2]).contains("failed!"));
@@ -249,21 +248,11 @@ TEST_F(Dialog, AutoWhiteBalanceSetsTheGainsThatEqualiseTheChannels)
                               "</WhiteBalance><TriggerType>Video</TriggerType></Settings>";
     // Configuration (empty: the colour one, never opened), white surface, the measured frame, the sliders.
     const std::tuple<QString, bool, std::vector<unsigned char>, const char*> cases[] = {
-        // Means R 100, G 125, B 150: 83.33 is truncated.
+        // The measurement's rules are in tests/imaging; here the frame reaches it.
         {strColour, false, frame(200, {150, 125, 100}), "125|100|83"},
-        // R 40, G 100, B 160: 2.5 is shown as 2.00.
-        {strColour, false, frame(200, {160, 100, 40}), "200|100|62"},
-        // A channel at 0 needs an infinite gain; an all-black frame none at all.
-        {strColour, false, frame(200, {0, 50, 100}), "50|100|200"},
-        {strColour, false, frame(200, {0, 0, 0}), "0|0|0"},
-        // Means over two colours: R 125, G 100, B 87.5.
-        {strColour, false, frame(200, {50, 100, 200}, 50, {100, 100, 100}), "83|104|119"},
         // White surface: only the 10 of 200 pixels at brightness 600 are above the
         // level (300) at which the brightest tenth is crossed.
         {strColour, true, frame(200, {150, 200, 250}, 10, {100, 100, 100}), "80|100|133"},
-        // All pixels at one brightness, or more than a tenth saturated: nothing is taken.
-        {strColour, true, frame(200, {150, 125, 100}), "0|0|0"},
-        {strColour, true, frame(200, {255, 255, 255}, 60, {40, 50, 60}), "0|0|0"},
         // Nothing is measured or changed in triggered modes (no frame would come),
         // on a grey camera, or without an open camera.
         {QString(strColour).replace("Video", "soft"), false, frame(200, {150, 125, 100}), "120|100|135"},

@@ -94,29 +94,12 @@ TEST(Conversions, EveryOperationMatchesReferenceOnAllShapes)
         }
 }
 
-TEST(Conversions, DegenerateSizesAndUnknownTypesWriteNothing)
+// Degenerate and overflowing sizes are in tests/reliability (hostile input).
+TEST(Conversions, UnknownYuvTypesWriteNothing)
 {
     using GF = GlobalFunction;
-    const Buf src = randomBytes(256, 1);
+    const Buf src = randomBytes(64, 1);
     const unsigned char* s = src.data();
-    const std::pair<int, int> sizes[] = {{0, 4}, {4, 0}, {-4, 4}, {4, -4}, {-4, -4}, {1, 1}};
-    for (auto [w, h] : sizes) {
-        SCOPED_TRACE(std::to_string(w) + " x " + std::to_string(h));
-        Buf dst(256, 0x5A);
-        unsigned char* d = dst.data();
-        GF::PixelFormat_YUV422Packed_To_DIB(GF::YUV422_Y0UY1V, s, d, w, h); // 1 x 1: no whole pair
-        GF::PixelFormat_YUV422Packed_To_Gray8(GF::YUV422_UY1VY0, s, d, w, h);
-        if (w != 1) {
-            GF::PixelFormat_DIB_To_Gray8(s, d, w, h);
-            GF::PixelFormat_DIB_To_Gray8Aligned(s, d, w, h);
-            GF::PixelFormat_Gray8_To_DIB(s, d, w, h);
-            GF::PixelFormat_Gray8Aligned_To_DIB(s, d, w, h);
-            GF::PixelFormat_Gray8_To_Gray8Aligned(s, d, w, h);
-            GF::PixelFormat_Gray8Aligned_To_Gray8(s, d, w, h);
-            GF::Exg_RB(d, w, h);
-        }
-        EXPECT_EQ(dst, Buf(256, 0x5A));
-    }
     Buf dst(64, 0x5A);
     GF::PixelFormat_YUV422Packed_To_DIB(static_cast<GF::YUV422_Type>(4), s, dst.data(), 4, 2);
     GF::PixelFormat_YUV422Packed_To_Gray8(static_cast<GF::YUV422_Type>(-1), s, dst.data(), 4, 2);
@@ -142,24 +125,6 @@ TEST(Conversions, WorkedValues)
     Buf grey(6);
     GlobalFunction::PixelFormat_DIB_To_Gray8(dib, grey.data(), 6, 1);
     EXPECT_EQ(grey, want);
-}
-
-TEST(Conversions, YuvPairSplitsAcrossRowsAndPaddingStaysUntouched)
-{
-    // Width 3: the second group's left pixel ends row 0, its right pixel starts row 1.
-    const unsigned char src[] = {16, 128, 16, 128, 128, 128, 255, 128, 235, 128, 235, 128};
-    Buf dst(24, 0xEE);
-    GlobalFunction::PixelFormat_YUV422Packed_To_DIB(GlobalFunction::YUV422_Y0UY1V, src, dst.data(), 3, 2);
-    const Buf want = {0, 0, 0, 0, 0, 0, 130, 130, 130, 0xEE, 0xEE, 0xEE,
-                      255, 255, 255, 254, 254, 254, 254, 254, 254, 0xEE, 0xEE, 0xEE};
-    EXPECT_EQ(dst, want);
-
-    Buf img = randomBytes(32, 3), orig = img;
-    GlobalFunction::Exg_RB(img.data(), 5, 2);
-    EXPECT_NE(img, orig);
-    EXPECT_EQ(img[15], orig[15]);
-    GlobalFunction::Exg_RB(img.data(), 5, 2);
-    EXPECT_EQ(img, orig);
 }
 
 // A list shorter than the kernel sets is filled to its end and no further; the

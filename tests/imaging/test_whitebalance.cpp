@@ -124,15 +124,14 @@ TEST(WhiteBalance, ChannelSumsWrapAt32Bits)
 TEST(WhiteBalance, RefusesFramesWithoutWholePixels)
 {
     const TestFrame f = makeFrame(4, 12, {{8, {100, 125, 150}}});
-    EXPECT_FALSE(kavrel::measureWhiteBalance(nullptr, 4, 12, 2, RGB, Whole).has_value());
-    EXPECT_FALSE(kavrel::measureWhiteBalance(f.bytes.data(), 0, 12, 2, RGB, Whole).has_value());
-    EXPECT_FALSE(kavrel::measureWhiteBalance(f.bytes.data(), 4, 12, 0, RGB, Surface).has_value());
-    EXPECT_FALSE(kavrel::measureWhiteBalance(f.bytes.data(), -4, 12, 2, RGB, Whole).has_value());
-    // Grey lines (one byte a pixel), or lines a byte short.
-    EXPECT_FALSE(kavrel::measureWhiteBalance(f.bytes.data(), 4, 4, 2, RGB, Whole).has_value());
-    EXPECT_FALSE(kavrel::measureWhiteBalance(f.bytes.data(), 4, 11, 2, RGB, Surface).has_value());
-    // 3 x width beyond int is still a width too large for its lines.
-    EXPECT_FALSE(kavrel::measureWhiteBalance(f.bytes.data(), INT_MAX / 2, INT_MAX, 1, RGB, Whole).has_value());
+    // No frame, no pixels, grey lines (one byte a pixel), lines a byte short, and
+    // 3 x width beyond int: still a width too large for its lines.
+    const struct { const unsigned char* bytes; int w, bpl, h; } cases[] = {
+        {nullptr, 4, 12, 2}, {f.bytes.data(), 0, 12, 2}, {f.bytes.data(), 4, 12, 0}, {f.bytes.data(), -4, 12, 2},
+        {f.bytes.data(), 4, 4, 2}, {f.bytes.data(), 4, 11, 2}, {f.bytes.data(), INT_MAX / 2, INT_MAX, 1}};
+    for (const auto& c : cases)
+        for (const auto eReference : {Whole, Surface})
+            EXPECT_FALSE(kavrel::measureWhiteBalance(c.bytes, c.w, c.bpl, c.h, RGB, eReference).has_value()) << c.w << " " << c.bpl;
 }
 
 TEST(WhiteBalance, GainToPercentTruncatesInSinglePrecisionAndSaturates)

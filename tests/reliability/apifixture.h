@@ -7,8 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -56,6 +59,22 @@ inline bool wholeFrame(const unsigned char* img, int width, int height, bool gre
         *number = n;
     return std::memcmp(img, want.data(), want.size() / (grey ? 3 : 1)) == 0;
 }
+
+// Waits for `done` until `deadline`, failing and ending the run instead of
+// hanging the suite.
+template <typename T>
+T within(std::future<T>& done, std::chrono::steady_clock::time_point deadline)
+{
+    if (done.wait_until(deadline) != std::future_status::ready) {
+        ADD_FAILURE() << "no answer in time: a hang";
+        std::fflush(nullptr);
+        std::_Exit(1);
+    }
+    return done.get();
+}
+
+template <typename T>
+T within(std::future<T>& done) { return within(done, std::chrono::steady_clock::now() + std::chrono::seconds(20)); }
 
 // Runs `run` once to settle caches and buffers, then twice more: those runs
 // must give back every block they take (bytes may move a little as the

@@ -45,15 +45,9 @@ TEST_F(Hostile, FramesBeyondIntAreRefusedAndTheNextGoodOneComesThrough)
     }
 }
 
-// Conversions asked for images whose strides or sizes leave the int range
-// must write nothing, and read nothing past the small buffers they are given:
-// 64 bytes each, ending right at a page that may not be touched.
-TEST(HostileConversions, OverflowingSizesWriteNothing)
+// Every GlobalFunction conversion from src into dst, as op(width, height).
+std::vector<std::function<void(int, int)>> conversions(const unsigned char* src, unsigned char* dst)
 {
-    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    auto* base = static_cast<unsigned char*>(mmap(nullptr, 4 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    ASSERT_TRUE(base != MAP_FAILED && !mprotect(base + page, page, PROT_NONE) && !mprotect(base + 3 * page, page, PROT_NONE));
-    unsigned char *src = base + page - 64, *dst = base + 3 * page - 64;
     using G = GlobalFunction;
     std::vector<std::function<void(int, int)>> ops;
     for (auto f : {G::PixelFormat_DIB_To_Gray8, G::PixelFormat_DIB_To_Gray8Aligned, G::PixelFormat_Gray8_To_DIB,
@@ -63,8 +57,22 @@ TEST(HostileConversions, OverflowingSizesWriteNothing)
         ops.push_back([=](int w, int h) { G::PixelFormat_YUV422Packed_To_DIB(G::YUV422_Type(t), src, dst, w, h); });
         ops.push_back([=](int w, int h) { G::PixelFormat_YUV422Packed_To_Gray8(G::YUV422_Type(t), src, dst, w, h); });
     }
-    ops.push_back([=](int w, int h) { G::Exg_RB(dst, w, h); });
-    const int sizes[][2] = {{INT_MAX, 1}, {INT_MAX / 3 + 1, 1}, {1, INT_MAX}, {65536, 65536}, {46341, 46341}, {INT_MIN, 5}, {5, INT_MIN}};
+    return ops;
+}
+
+// Conversions asked for images whose strides or sizes leave the int range, or
+// are empty or negative, must write nothing, and read nothing past the small buffers they are given:
+// 64 bytes each, ending right at a page that may not be touched.
+TEST(HostileConversions, OverflowingSizesWriteNothing)
+{
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    auto* base = static_cast<unsigned char*>(mmap(nullptr, 4 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_TRUE(base != MAP_FAILED && !mprotect(base + page, page, PROT_NONE) && !mprotect(base + 3 * page, page, PROT_NONE));
+    unsigned char *src = base + page - 64, *dst = base + 3 * page - 64;
+    auto ops = conversions(src, dst);
+    ops.push_back([=](int w, int h) { GlobalFunction::Exg_RB(dst, w, h); });
+    const int sizes[][2] = {{INT_MAX, 1}, {INT_MAX / 3 + 1, 1}, {1, INT_MAX}, {65536, 65536}, {46341, 46341}, {INT_MIN, 5}, {5, INT_MIN},
+                            {0, 4}, {4, 0}, {-4, -4}};
     for (const auto& s : sizes)
         for (size_t i = 0; i < ops.size(); ++i) {
             std::memset(dst, 0xA5, 64);
@@ -78,23 +86,15 @@ TEST(HostileConversions, OverflowingSizesWriteNothing)
 // A null source or destination with a valid size reads and writes nothing.
 TEST(HostileConversions, NullBuffersAreLeftAlone)
 {
-    using G = GlobalFunction;
     unsigned char buf[8 * 4 * 4];
     std::memset(buf, 0x5A, sizeof buf);
     for (unsigned char* a : {static_cast<unsigned char*>(nullptr), buf})
         for (unsigned char* b : {static_cast<unsigned char*>(nullptr), buf}) {
-            if (a && b)
-                continue;
-            for (auto f : {G::PixelFormat_DIB_To_Gray8, G::PixelFormat_DIB_To_Gray8Aligned, G::PixelFormat_Gray8_To_DIB,
-                           G::PixelFormat_Gray8Aligned_To_DIB, G::PixelFormat_Gray8_To_Gray8Aligned,
-                           G::PixelFormat_Gray8Aligned_To_Gray8})
-                f(a, b, 8, 4);
-            for (int t = 0; t < 4; ++t) {
-                G::PixelFormat_YUV422Packed_To_DIB(G::YUV422_Type(t), a, b, 8, 4);
-                G::PixelFormat_YUV422Packed_To_Gray8(G::YUV422_Type(t), a, b, 8, 4);
-            }
+            if (!(a && b))
+                for (const auto& op : conversions(a, b))
+                    op(8, 4);
         }
-    G::Exg_RB(nullptr, 8, 4);
+    GlobalFunction::Exg_RB(nullptr, 8, 4);
     EXPECT_TRUE(std::all_of(buf, buf + sizeof buf, [](unsigned char v) { return v == 0x5A; }));
 }
 
@@ -223,31 +223,6 @@ TEST_F(Hostile, OutOfMemoryThrowsNothingAndChangesNothing)
     failAllocationsFrom(0);
     EXPECT_TRUE(peer.nothingLent());
     EXPECT_TRUE(takesWhole(false, false, 640, 480));
-}
-
-// The one shared text buffer grows by half again each time it is too small
-// (1023 bytes and the NUL fill the first 1024), keeps every byte of texts of
-// many megabytes, and never shrinks.
-TEST(HostileSharedText, GrowsForTextsOfManyMegabytes)
-{
-    if (gnConfigStringLen == 1024) {
-        transConfigString(QString(1023, 'x'));
-        EXPECT_EQ(gnConfigStringLen, 1536);
-    }
-    int last = gnConfigStringLen;
-    for (int mb : {1, 3, 8, 24}) {
-        const int n = mb << 20;
-        QString big(n, QChar('a' + mb));
-        big[n - 1] = QChar(0x20AC); // three bytes in UTF-8 at the very end
-        const char* out = transConfigString(big);
-        ASSERT_TRUE(out == gszConfigString && std::strlen(out) == static_cast<size_t>(n) + 2) << mb << " MB";
-        EXPECT_EQ(out[0] + std::string(out + n - 1), char('a' + mb) + std::string("\xe2\x82\xac"));
-        EXPECT_GE(gnConfigStringLen, last);
-        EXPECT_LE(gnConfigStringLen, std::max(last, static_cast<int>((n + 3) * 1.5) + 1));
-        last = gnConfigStringLen;
-    }
-    EXPECT_EQ(text(transConfigString(QString())), "");
-    EXPECT_EQ(gnConfigStringLen, last);
 }
 
 } // namespace

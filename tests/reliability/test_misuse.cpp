@@ -19,18 +19,6 @@ namespace {
 using Misuse = ApiFixture;
 using namespace std::chrono_literals;
 
-// Waits for `done`, failing (and ending the run) instead of hanging.
-template <typename T>
-T within(std::future<T>& done, std::chrono::seconds limit = std::chrono::seconds(20))
-{
-    if (done.wait_for(limit) != std::future_status::ready) {
-        ADD_FAILURE() << "no answer within " << limit.count() << " s: a hang";
-        std::fflush(nullptr);
-        std::_Exit(1);
-    }
-    return done.get();
-}
-
 // Thread B waits for Main while this thread holds it; this thread releases
 // (B gets its image), then releases again and releases B's pointer: neither
 // touches B's hold. A third thread's request waits until B releases, so B's

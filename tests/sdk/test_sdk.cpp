@@ -30,21 +30,6 @@ protected:
     void SetUp() override { torvanesim_reset(); }
 };
 
-// Other tests identify every image by the number coded into its first pixels,
-// also after the library's grey conversion (which may lower a byte by one).
-TEST_F(Sdk, FrameNumberRoundTrip)
-{
-    for (const int width : {4, 16}) // 4 puts the eight code pixels on two lines
-        for (const unsigned int n : {1u, 16u, 123456789u, 0xFFFFFFFFu}) {
-            std::vector<unsigned char> frame(static_cast<size_t>(width) * 3 * 3), grey(8);
-            torvanesim_render_frame(n, width, 3, 3, frame.data());
-            EXPECT_EQ(torvanesim_frame_number(frame.data(), 3), n) << width;
-            for (int i = 0; i < 8; ++i)
-                grey[i] = static_cast<unsigned char>(frame[3 * i + 1] * 0.6 + frame[3 * i + 2] * 0.25 + frame[3 * i] * 0.15);
-            EXPECT_EQ(torvanesim_frame_number(grey.data(), 1), n) << width;
-        }
-}
-
 TEST_F(Sdk, ContinuousModeIsPacedWithoutBacklog)
 {
     // Frame k is due k * 20 ms after the rate is set; a caller gets the next one due.
@@ -59,34 +44,6 @@ TEST_F(Sdk, ContinuousModeIsPacedWithoutBacklog)
     EXPECT_LE(n * 20.0, msSince(before) + 20.0); // none skipped
     const unsigned int next = torvanesim_frame_number(grab(2000), 3);
     EXPECT_GE(msSince(before), next * 20.0) << "frame " << next << " after " << n << " came early";
-}
-
-TEST_F(Sdk, TriggeredModeGivesOneFramePerTrigger)
-{
-    ASSERT_EQ(set_camera_mode(1, 0), 0);
-    EXPECT_EQ(grab(30), nullptr);
-    set_camera_trigger(0);
-    set_camera_trigger(0);
-    EXPECT_NE(grab(30), nullptr);
-    EXPECT_NE(grab(30), nullptr);
-    EXPECT_EQ(grab(30), nullptr);
-}
-
-TEST_F(Sdk, QueuedFramesComeFirst)
-{
-    torvanesim_set_frame_rate(1); // nothing generated within the time-outs below
-    const unsigned char data[4] = {1, 2, 3, 4};
-    torvanesim_queue_frame(2, 1, 2, data);
-    torvanesim_queue_frame(70000, 70000, 3, nullptr); // beyond int: described, not drawn
-    const unsigned char* p = grab(10);
-    ASSERT_NE(p, nullptr);
-    EXPECT_EQ(w, 2);
-    EXPECT_EQ(h, 1);
-    EXPECT_EQ(bpp, 2);
-    EXPECT_EQ(std::memcmp(p, data, 4), 0);
-    EXPECT_NE(grab(10), nullptr);
-    EXPECT_EQ(w, 70000);
-    EXPECT_EQ(grab(10), nullptr);
 }
 
 // The request benchmark reuses frames: only the number may change, and a
@@ -113,29 +70,6 @@ TEST_F(Sdk, ReusedFramesOnlyChangeTheirNumber)
         EXPECT_EQ(std::memcmp(p, want.data(), nBytes), 0) << i;
         ASSERT_EQ(set_camera_exposure(10000, 0), 0);
     }
-}
-
-TEST_F(Sdk, TwoUsersAtOnceKeepTheirOwnFrames)
-{
-    torvanesim_set_frame_rate(0);
-    ASSERT_EQ(set_camera_window_size(160, 120, 0), 0);
-    int bad[2] = {0, 0};
-    auto user = [](int* badFrames) {
-        std::vector<unsigned char> want(160 * 120 * 3);
-        for (int i = 0; i < 100; ++i) {
-            int fw, fh, fb;
-            const unsigned char* p = get_frame_timeout(&fw, &fh, &fb, 0, 2000);
-            const unsigned int n = p ? torvanesim_frame_number(p, 3) : 0;
-            std::this_thread::sleep_for(std::chrono::microseconds(200)); // the other user runs meanwhile
-            torvanesim_render_frame(n, 160, 120, 3, want.data());
-            *badFrames += !p || std::memcmp(p, want.data(), want.size()) != 0;
-        }
-    };
-    std::thread a(user, &bad[0]), b(user, &bad[1]);
-    a.join();
-    b.join();
-    EXPECT_EQ(bad[0], 0);
-    EXPECT_EQ(bad[1], 0);
 }
 
 // The strict mode keeps a frame exactly as long as the SDK promises: one
