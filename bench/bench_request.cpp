@@ -12,6 +12,7 @@
 #include "bench/benchsummary.h"
 #include "sdk/torvane.h"
 #include "sdk/torvanesim.h"
+#include "bench/requestcases.h"
 
 #include <benchmark/benchmark.h>
 
@@ -22,19 +23,7 @@
 
 namespace {
 
-struct RequestCase {
-    const char* pszName;
-    int nPixFmt;      // <PixFmt> code: 0 grey, 1 BGR
-    int nFrameBytes;  // bytes per pixel of the sensor
-    const char* pszGamma;
-};
-
-const RequestCase kCases[] = {
-    {"Request BGR gamma 1.0 (3-byte frames)", 1, 3, "1.00"},
-    {"Request BGR gamma 0.5 (3-byte frames)", 1, 3, "0.50"},
-    {"Request grey (3-byte frames)", 0, 3, "1.00"},
-    {"Request BGR (1-byte frames)", 1, 1, "1.00"},
-};
+using kavrelbench::RequestCase;
 
 void startSimulator(const BenchSize& size, int nBytesPerPixel, bool bReuse)
 {
@@ -49,9 +38,7 @@ void runRequest(benchmark::State& state, const RequestCase& c, const BenchSize& 
 {
     startSimulator(size, c.nFrameBytes, true);
     char szConfig[256];
-    std::snprintf(szConfig, sizeof szConfig,
-                  "<PixFmt>%d</PixFmt><ROI>0,0</ROI><Settings><Gamma>%s</Gamma><TriggerType>Video</TriggerType></Settings>",
-                  c.nPixFmt, c.pszGamma);
+    kavrelbench::formatRequestConfig(szConfig, sizeof szConfig, c);
     KavrelInterface* api = KavrelInterface::getInstance();
     api->setConfigStringMain(szConfig);
     if (!api->connectMain() || !api->startMain()) {
@@ -116,7 +103,7 @@ void runSdk(benchmark::State& state, int nBytesPerPixel, const BenchSize& size)
 void registerRequestBenchmarks()
 {
     for (const BenchSize& size : benchSizes()) {
-        for (const RequestCase& c : kCases) {
+        for (const RequestCase& c : kavrelbench::kRequestCases) {
             benchmark::RegisterBenchmark(benchName(c.pszName, "kavrel", size).c_str(),
                                          [&c, size](benchmark::State& s) { runRequest(s, c, size); })
                 ->Unit(benchmark::kMillisecond)->UseRealTime();

@@ -21,6 +21,7 @@
 #include "api/interface.h"
 #include "imaging/globalfunction.h"
 #include "sdk/torvanesim.h"
+#include "bench/requestcases.h"
 
 #ifdef KAVREL_ARMCOST_LIBYUV
 #include <libyuv.h>
@@ -204,20 +205,7 @@ void conversions(const Size& s)
     floor("Exg_RB", 3 * px, 3 * px);
 }
 
-struct RequestCase {
-    const char* pszName;
-    int nPixFmt;      // <PixFmt>: 0 grey, 1 BGR
-    int nFrameBytes;  // bytes per pixel of the sensor
-    const char* pszGamma;
-};
-
-const RequestCase kRequests[] = {
-    {"Request BGR gamma 1.0 (3-byte frames)", 1, 3, "1.00"},
-    {"Request BGR gamma 0.5 (3-byte frames)", 1, 3, "0.50"},
-    {"Request grey (3-byte frames)", 0, 3, "1.00"},
-    {"Request grey (1-byte frames)", 0, 1, "1.00"},
-    {"Request BGR (1-byte frames)", 1, 1, "1.00"},
-};
+using kavrelbench::RequestCase;
 
 // The library's whole request: the SDK hands over a queued noisy frame (a
 // pointer swap in the simulated camera), the driver's transfer pass (copy,
@@ -234,9 +222,7 @@ void request(const RequestCase& c, const Size& s)
     torvanesim_set_frame_rate(0);
     torvanesim_log_frames(0);
     char szConfig[256];
-    std::snprintf(szConfig, sizeof szConfig,
-                  "<PixFmt>%d</PixFmt><ROI>0,0</ROI><Settings><Gamma>%s</Gamma><TriggerType>Video</TriggerType></Settings>",
-                  c.nPixFmt, c.pszGamma);
+    kavrelbench::formatRequestConfig(szConfig, sizeof szConfig, c);
     KavrelInterface* api = KavrelInterface::getInstance();
     api->setConfigStringMain(szConfig);
     if (!api->connectMain() || !api->startMain()) {
@@ -329,7 +315,7 @@ int main()
     region("calibration", "loop", Size{kCalibrationTurns, 1}, calibrationLoop);
     for (const Size& s : kSizes) {
         conversions(s);
-        for (const RequestCase& c : kRequests)
+        for (const RequestCase& c : kavrelbench::kRequestCases)
             request(c, s);
     }
     return 0;
