@@ -79,6 +79,23 @@ constexpr bool div20Holds()
 }
 static_assert(div20Holds(), "the multiply-high does not divide by 20");
 
+// ---- Quotient and exactness from one 32 x 32 -> 64-bit multiply (the portable
+// kernels; one instruction on ARM). With m = ceil(2^32 / d) = (2^32 + e) / d and
+// x = q d + r, x m = q 2^32 + (e q + r m). While e q + (d - 1) m < 2^32 the
+// high word is q, and the low word e q + r m is below m exactly when r = 0.
+struct HighWordDivisor {
+    unsigned long long d, m, xMax;
+    constexpr unsigned long long excess() const { return m * d - (1ull << 32); }
+    constexpr bool holds() const
+    {
+        return m * d >= (1ull << 32) && excess() * (xMax / d) + (d - 1) * m < (1ull << 32) &&
+               excess() * (xMax / d) < m;
+    }
+};
+constexpr HighWordDivisor kWeightedDiv{1000, 4294968, 255000}; // S <= 1000 * 255
+constexpr HighWordDivisor kDriverDiv{20, 214748365, 5100};     // t <= 20 * 255
+static_assert(kWeightedDiv.holds() && kDriverDiv.holds(), "the high word does not divide");
+
 // ---- YUV to grey without conversions or rounding instructions (AVX-512):
 // an integer sum started at kFloatZero + offset reads, as a float, 2^23 +
 // offset + sum while that stays in [2^23, 2^24), where the unit in the last

@@ -4,7 +4,9 @@
 
 #include "imaging/convertkernels.h"
 #include "imaging/convertreference.h"
+#include "imaging/kernelconstants.h"
 
+#include <cstdint>
 #include <cstring>
 
 namespace kavrel {
@@ -53,11 +55,19 @@ inline void storeBgr(int nY, const Chroma& c, unsigned char* pOut)
 // 1000, is exact in integers, so S / 1000 unless S is a multiple of 1000,
 // where the double rule may come out one less: fix says so for (g, r) (b is
 // then the one value that makes S such a multiple).
+// Out of line and cold, so that the compiler keeps a branch around it rather
+// than predicating the table load into every pixel.
+__attribute__((noinline, cold)) unsigned exactWeighted(unsigned q, unsigned g, unsigned r, const unsigned char* fix)
+{
+    return q - fix[g * 256 + r];
+}
+
 inline int greyOfBytes(unsigned b, unsigned g, unsigned r, const unsigned char* fix)
 {
     const unsigned s = 587 * g + 299 * r + 114 * b;
-    const unsigned q = s / 1000;
-    return static_cast<int>(s == 1000 * q ? q - fix[g * 256 + r] : q);
+    const std::uint64_t p = std::uint64_t{s} * kc::kWeightedDiv.m;
+    const unsigned q = static_cast<unsigned>(p >> 32);
+    return static_cast<int>(static_cast<std::uint32_t>(p) < kc::kWeightedDiv.m ? exactWeighted(q, g, r, fix) : q);
 }
 
 // Clamped grey of unclamped colour. Off an exact quotient the double rule's
@@ -120,8 +130,16 @@ void yuvToGray(int nType, const unsigned char* pSrc, unsigned char* pDst, std::s
 void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
     const unsigned char* fix = weightedFixEntries();
-    for (std::size_t i = 0; i < n; ++i, pSrc += 3)
-        pDst[i] = static_cast<unsigned char>(greyOfBytes(pSrc[0], pSrc[1], pSrc[2], fix));
+    auto grey = [fix](const unsigned char* p) { return static_cast<unsigned char>(greyOfBytes(p[0], p[1], p[2], fix)); };
+    // Four pixels a turn share the loop's counting.
+    for (const unsigned char* const pEnd = pSrc + 3 * (n & ~std::size_t{3}); pSrc != pEnd; pSrc += 12, pDst += 4) {
+        pDst[0] = grey(pSrc);
+        pDst[1] = grey(pSrc + 3);
+        pDst[2] = grey(pSrc + 6);
+        pDst[3] = grey(pSrc + 9);
+    }
+    for (n &= 3; n != 0; --n, pSrc += 3)
+        *pDst++ = grey(pSrc);
 }
 
 void expand3(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, const unsigned char* lut)
@@ -234,6 +252,13 @@ const unsigned short* grey3FixEntries()
 
 namespace {
 
+#if defined(__arm__)
+__attribute__((noinline, cold)) unsigned exactDriver(unsigned q, const unsigned char* p, const unsigned short* fix)
+{
+    return q - ((fix[p[1] * 256 + p[2]] >> ((p[0] * kc::kDiv20Mul) >> 16)) & 1);
+}
+#endif
+
 void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
 #if defined(__arm__)
@@ -241,13 +266,21 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
     // only its multiples of 20 (one pixel in 20) can come out one less. On
     // VFP this beats the rule's double arithmetic; on x86-64 SSE2 it does not.
     const unsigned short* fix = grey3FixEntries();
-    for (std::size_t i = 0; i < n; ++i, pSrc += 3) {
-        const unsigned t = 12u * pSrc[1] + 5u * pSrc[2] + 3u * pSrc[0];
-        unsigned q = t / 20;
-        if (__builtin_expect(t == 20 * q, 0))
-            q -= (fix[pSrc[1] * 256 + pSrc[2]] >> (pSrc[0] / 20)) & 1;
-        pDst[i] = static_cast<unsigned char>(q);
+    auto grey = [fix](const unsigned char* p) {
+        const unsigned t = 12u * p[1] + 5u * p[2] + 3u * p[0];
+        const std::uint64_t m = std::uint64_t{t} * kc::kDriverDiv.m;
+        const unsigned q = static_cast<unsigned>(m >> 32);
+        return static_cast<std::uint32_t>(m) < kc::kDriverDiv.m ? exactDriver(q, p, fix) : q;
+    };
+    // Four pixels a turn share the loop's counting.
+    for (const unsigned char* const pEnd = pSrc + 3 * (n & ~std::size_t{3}); pSrc != pEnd; pSrc += 12, pDst += 4) {
+        pDst[0] = static_cast<unsigned char>(grey(pSrc));
+        pDst[1] = static_cast<unsigned char>(grey(pSrc + 3));
+        pDst[2] = static_cast<unsigned char>(grey(pSrc + 6));
+        pDst[3] = static_cast<unsigned char>(grey(pSrc + 9));
     }
+    for (n &= 3; n != 0; --n, pSrc += 3)
+        *pDst++ = static_cast<unsigned char>(grey(pSrc));
 #else
     for (std::size_t i = 0; i < n; ++i, pSrc += 3)
         pDst[i] = ref::grey3To1(pSrc);
