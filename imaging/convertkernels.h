@@ -56,6 +56,20 @@ std::size_t availablePixelKernels(const PixelKernels** ppList, std::size_t nMax)
 // while another thread converts.
 void maskCpuFeatures(unsigned nMask);
 
+// The expansion through a table: the table pass in blocks that stay in the
+// first-level cache, then the plain expansion.
+template <typename LutCopy, typename Expand3>
+void expandThroughTable(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, const unsigned char* lut,
+                        LutCopy lutCopy, Expand3 expand3)
+{
+    alignas(64) unsigned char block[1024];
+    for (std::size_t i = 0; i < n; i += sizeof block) {
+        const std::size_t m = n - i < sizeof block ? n - i : sizeof block;
+        lutCopy(pSrc + i, block, m, lut);
+        expand3(block, pDst + 3 * i, m, nullptr);
+    }
+}
+
 // Scalar building blocks shared by the SIMD sets for row ends.
 namespace scalar {
 extern const PixelKernels kKernels;

@@ -313,7 +313,7 @@ void lutCopy(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, cons
 void expand3(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, const unsigned char* lut)
 {
     if (lut)
-        return x86::expandThroughTable(pSrc, pDst, n, lut, lutCopy, expand3);
+        return expandThroughTable(pSrc, pDst, n, lut, lutCopy, expand3);
     const __m256i m01 = _mm256_setr_epi8(0, 0, 0, 1, 1, 1, 2, 2, 2, 3, 3, 3, 4, 4, 4, 5,
                                          5, 5, 6, 6, 6, 7, 7, 7, 8, 8, 8, 9, 9, 9, 10, 10);
     const __m128i m2 = _mm_setr_epi8(10, 11, 11, 11, 12, 12, 12, 13, 13, 13, 14, 14, 14, 15, 15, 15);

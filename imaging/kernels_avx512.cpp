@@ -54,7 +54,7 @@ void expand3(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, cons
 {
     if (!lut)
         return avx2::expand3(pSrc, pDst, n, nullptr);
-    x86::expandThroughTable(pSrc, pDst, n, lut, lutCopy, avx2::expand3);
+    expandThroughTable(pSrc, pDst, n, lut, lutCopy, avx2::expand3);
 }
 
 // Byte permutes for 64 packed 3-byte pixels read as three 64-byte loads.
