@@ -94,9 +94,13 @@ inline unsigned laneBits8(uint8x8_t m)
     return vget_lane_u8(s, 0);
 }
 
-inline unsigned laneBits(uint8x16_t m)
+inline uint8x16_t laneWeights()
 {
-    const uint8x16_t weights = {1, 2, 4, 8, 16, 32, 64, 128, 1, 2, 4, 8, 16, 32, 64, 128};
+    return uint8x16_t{1, 2, 4, 8, 16, 32, 64, 128, 1, 2, 4, 8, 16, 32, 64, 128};
+}
+
+inline unsigned laneBits(uint8x16_t m, uint8x16_t weights = laneWeights())
+{
     const uint8x16_t w = vandq_u8(m, weights);
     uint8x8_t s = vpadd_u8(vget_low_u8(w), vget_high_u8(w));
     s = vpadd_u8(s, s);
@@ -306,15 +310,17 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
     // t = 20 * (b1 * 0.6 + b2 * 0.25 + b0 * 0.15) = 12 b1 + 5 b2 + 3 b0 is an
     // integer; when t is not a multiple of 20 the truncated result is t / 20
     // whatever the rounding. Multiples (one pixel in 20, every grey pixel)
-    // may come out one less: grey pixels by value from a 256-bit set in
-    // vectors, the others from the (b1, b2) table lane by lane (a handful per
-    // frame block on noise, and NEON has no gather).
+    // may come out one less: lane by lane from the (b1, b2) table (about
+    // 1.4 lanes in the half of the vectors that have any, on noise; NEON has
+    // no gather), and grey pixels, when many lanes are exact, by value from a
+    // 256-bit set in vectors.
     const uint8x8x4_t greyFix = equalChannelFix().grey3;
     const unsigned short* fix = scalar::grey3FixEntries();
     // A vector operand rather than a scalar lane: the compiler would move the
     // lane into place on every turn.
     int16x8_t fifth = vdupq_n_s16(kFifthOfQuarter);
-    asm("" : "+w"(fifth));
+    uint8x16_t weights = laneWeights();
+    asm("" : "+w"(fifth), "+w"(weights));
     std::size_t i = 0;
     for (; i + 16 <= n; i += 16, pSrc += 48, pDst += 16) {
         const uint8x16x3_t p = vld3q_u8(pSrc);
@@ -334,11 +340,18 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
         uint8x16_t bytes = vcombine_u8(q[0], q[1]);
         if (anyLane(vorr_u8(e[0], e[1]))) {
             const uint8x16_t exact = vcombine_u8(e[0], e[1]);
-            const uint8x16_t grey = vandq_u8(exact, vandq_u8(vceqq_u8(p.val[0], p.val[1]), vceqq_u8(p.val[1], p.val[2])));
-            if (anyLane(vorr_u8(vget_low_u8(grey), vget_high_u8(grey))))
+            unsigned m = laneBits(exact, weights);
+            // The table answers grey pixels too; only a vector with three or
+            // more exact lanes (every one, in a grey picture; rare on noise)
+            // is worth answering its grey pixels in the vector.
+            const unsigned rest = m & (m - 1);
+            if ((rest & (rest - 1)) != 0) {
+                const uint8x16_t grey = vandq_u8(exact, vandq_u8(vceqq_u8(p.val[0], p.val[1]), vceqq_u8(p.val[1], p.val[2])));
                 bytes = vsubq_u8(bytes, vandq_u8(grey, bitOfValue(greyFix, bytes)));
+                m = laneBits(vbicq_u8(exact, grey), weights);
+            }
             vst1q_u8(pDst, bytes);
-            for (unsigned m = laneBits(vbicq_u8(exact, grey)); m != 0; m &= m - 1) {
+            for (; m != 0; m &= m - 1) {
                 const int j = __builtin_ctz(m);
                 const unsigned char* px = pSrc + 3 * j;
                 pDst[j] = static_cast<unsigned char>(pDst[j] - ((fix[px[1] * 256 + px[2]] >> (px[0] / 20)) & 1));
