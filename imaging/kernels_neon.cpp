@@ -7,8 +7,8 @@
 // precision, so the few grey values that double rounding decides (exact
 // quotients) are looked up: for the driver's grey pixels from a 256-bit set
 // in vectors (VTBL), otherwise lane by lane (NEON has no gather) from the
-// tables of the exact cases for bytes, and for YUV's unclamped colour by
-// value for grey pixels and by the scalar rule for the others.
+// tables of the exact cases for bytes, and for YUV's unclamped colour from
+// the same tables where it is bytes and by the scalar rule elsewhere.
 
 #if defined(__ARM_NEON)
 
@@ -134,8 +134,8 @@ inline int32x4_t div1000(float32x4_t x, const YuvGreyConstants& k)
 }
 
 // The exact lanes of weightedGrey4, out of line so that the vector path
-// does not spill for them: grey pixels (q is their value) by the table,
-// others by the rule.
+// does not spill for them: grey pixels (q is their value) and other byte
+// colours by the tables, colour outside the bytes by the rule.
 __attribute__((noinline)) int32x4_t exactLanes(int32x4_t b, int32x4_t g, int32x4_t r, int32x4_t q, uint32x4_t exact)
 {
     int32_t ab[4], ag[4], ar[4], aq[4];
@@ -146,9 +146,17 @@ __attribute__((noinline)) int32x4_t exactLanes(int32x4_t b, int32x4_t g, int32x4
     vst1q_s32(aq, q);
     vst1q_u32(ae, exact);
     const unsigned char* ofGrey = weightedOfGrey();
-    for (int i = 0; i < 4; ++i)
-        if (ae[i])
-            aq[i] = ab[i] == ag[i] && ag[i] == ar[i] ? ofGrey[aq[i]] : ref::weightedGrey(ab[i], ag[i], ar[i]);
+    const unsigned char* fix = scalar::weightedFixEntries();
+    for (int i = 0; i < 4; ++i) {
+        if (!ae[i])
+            continue;
+        if (ab[i] == ag[i] && ag[i] == ar[i])
+            aq[i] = ofGrey[aq[i]];
+        else if ((static_cast<uint32_t>(ab[i]) | static_cast<uint32_t>(ag[i]) | static_cast<uint32_t>(ar[i])) <= 255)
+            aq[i] -= fix[ag[i] * 256 + ar[i]];
+        else
+            aq[i] = ref::weightedGrey(ab[i], ag[i], ar[i]);
+    }
     return vld1q_s32(aq);
 }
 
