@@ -332,7 +332,7 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
     std::size_t i = 0;
     for (; i + 16 <= n; i += 16, pSrc += 48, pDst += 16) {
         const uint8x16x3_t p = vld3q_u8(pSrc);
-        uint8x8_t q[2], e[2];
+        uint16x8_t q16[2], e16[2];
         for (int h = 0; h < 2; ++h) {
             const uint8x8_t b0 = h ? vget_high_u8(p.val[0]) : vget_low_u8(p.val[0]);
             const uint8x8_t b1 = h ? vget_high_u8(p.val[1]) : vget_low_u8(p.val[1]);
@@ -340,21 +340,24 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
             uint16x8_t t = vmull_u8(b1, vdup_n_u8(12));
             t = vmlal_u8(t, b2, vdup_n_u8(5));
             t = vmlal_u8(t, b0, vdup_n_u8(3));
-            const uint16x8_t q16 = vreinterpretq_u16_s16(
-                vqdmulhq_s16(vreinterpretq_s16_u16(vshrq_n_u16(t, 2)), fifth));
-            q[h] = vmovn_u16(q16);
-            e[h] = vmovn_u16(vceqq_u16(vmulq_n_u16(q16, 20), t));
+            q16[h] = vreinterpretq_u16_s16(vqdmulhq_s16(vreinterpretq_s16_u16(vshrq_n_u16(t, 2)), fifth));
+            e16[h] = vceqq_u16(vmulq_n_u16(q16[h], 20), t);
         }
-        uint8x16_t bytes = vcombine_u8(q[0], q[1]);
-        if (anyLane(vorr_u8(e[0], e[1]))) {
-            const uint8x16_t exact = vcombine_u8(e[0], e[1]);
+        // The low bytes of both halves in one register each (one VUZP rather
+        // than two narrows and the moves to pair them).
+        uint8x16_t bytes = vuzpq_u8(vreinterpretq_u8_u16(q16[0]), vreinterpretq_u8_u16(q16[1])).val[0];
+        const uint8x16_t exact = vuzpq_u8(vreinterpretq_u8_u16(e16[0]), vreinterpretq_u8_u16(e16[1])).val[0];
+        if (anyLane(vorr_u8(vget_low_u8(exact), vget_high_u8(exact)))) {
             unsigned m = laneBits(exact, weights);
             // The table answers grey pixels too; only a vector with three or
             // more exact lanes (every one, in a grey picture; rare on noise)
             // is worth answering its grey pixels in the vector.
             const unsigned rest = m & (m - 1);
             if ((rest & (rest - 1)) != 0) {
-                const uint8x16_t grey = vandq_u8(exact, vandq_u8(vceqq_u8(p.val[0], p.val[1]), vceqq_u8(p.val[1], p.val[2])));
+                // Loaded again: keeping the pixels live through the common
+                // path costs register moves on every turn.
+                const uint8x16x3_t g = vld3q_u8(pSrc);
+                const uint8x16_t grey = vandq_u8(exact, vandq_u8(vceqq_u8(g.val[0], g.val[1]), vceqq_u8(g.val[1], g.val[2])));
                 bytes = vsubq_u8(bytes, vandq_u8(grey, bitOfValue(greyFix, bytes)));
                 m = laneBits(vbicq_u8(exact, grey), weights);
             }
