@@ -51,17 +51,33 @@ inline void storeBgr(int nY, const Chroma& c, unsigned char* pOut)
     pOut[2] = clampByte(r);
 }
 
-// Weighted grey of bytes: S = 587 g + 299 r + 114 b, the rule's sum times
-// 1000, is exact in integers, so S / 1000 unless S is a multiple of 1000,
-// where the double rule may come out one less: fix says so for (g, r) (b is
-// then the one value that makes S such a multiple).
-// Out of line and cold, so that the compiler keeps a branch around it rather
-// than predicating the table load into every pixel.
+// The exact cases of the greys of bytes, out of line and cold, so that the
+// compiler keeps a branch around them rather than predicating a table load
+// into every pixel.
 __attribute__((noinline, cold)) unsigned exactWeighted(unsigned q, unsigned g, unsigned r, const unsigned char* fix)
 {
     return q - fix[g * 256 + r];
 }
 
+// One byte from each 3-byte pixel, four pixels a turn so that they share the
+// loop's counting.
+template <typename Grey>
+inline void eachPixel3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, Grey grey)
+{
+    for (const unsigned char* const pEnd = pSrc + 3 * (n & ~std::size_t{3}); pSrc != pEnd; pSrc += 12, pDst += 4) {
+        pDst[0] = static_cast<unsigned char>(grey(pSrc));
+        pDst[1] = static_cast<unsigned char>(grey(pSrc + 3));
+        pDst[2] = static_cast<unsigned char>(grey(pSrc + 6));
+        pDst[3] = static_cast<unsigned char>(grey(pSrc + 9));
+    }
+    for (n &= 3; n != 0; --n, pSrc += 3)
+        *pDst++ = static_cast<unsigned char>(grey(pSrc));
+}
+
+// Weighted grey of bytes: S = 587 g + 299 r + 114 b, the rule's sum times
+// 1000, is exact in integers, so S / 1000 unless S is a multiple of 1000,
+// where the double rule may come out one less: fix says so for (g, r) (b is
+// then the one value that makes S such a multiple).
 inline int greyOfBytes(unsigned b, unsigned g, unsigned r, const unsigned char* fix)
 {
     const unsigned s = 587 * g + 299 * r + 114 * b;
@@ -130,16 +146,7 @@ void yuvToGray(int nType, const unsigned char* pSrc, unsigned char* pDst, std::s
 void bgrToGray(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
 {
     const unsigned char* fix = weightedFixEntries();
-    auto grey = [fix](const unsigned char* p) { return static_cast<unsigned char>(greyOfBytes(p[0], p[1], p[2], fix)); };
-    // Four pixels a turn share the loop's counting.
-    for (const unsigned char* const pEnd = pSrc + 3 * (n & ~std::size_t{3}); pSrc != pEnd; pSrc += 12, pDst += 4) {
-        pDst[0] = grey(pSrc);
-        pDst[1] = grey(pSrc + 3);
-        pDst[2] = grey(pSrc + 6);
-        pDst[3] = grey(pSrc + 9);
-    }
-    for (n &= 3; n != 0; --n, pSrc += 3)
-        *pDst++ = grey(pSrc);
+    eachPixel3To1(pSrc, pDst, n, [fix](const unsigned char* p) { return greyOfBytes(p[0], p[1], p[2], fix); });
 }
 
 void expand3(const unsigned char* pSrc, unsigned char* pDst, std::size_t n, const unsigned char* lut)
@@ -257,6 +264,7 @@ const unsigned short* grey3FixEntries()
 namespace {
 
 #if defined(__arm__)
+// The driver grey's exact cases, out of line for the same reason as exactWeighted.
 __attribute__((noinline, cold)) unsigned exactDriver(unsigned q, const unsigned char* p, const unsigned short* fix)
 {
     return q - ((fix[p[1] * 256 + p[2]] >> ((p[0] * kc::kDiv20Mul) >> 16)) & 1);
@@ -270,21 +278,12 @@ void grey3To1(const unsigned char* pSrc, unsigned char* pDst, std::size_t n)
     // only its multiples of 20 (one pixel in 20) can come out one less. On
     // VFP this beats the rule's double arithmetic; on x86-64 SSE2 it does not.
     const unsigned short* fix = grey3FixEntries();
-    auto grey = [fix](const unsigned char* p) {
+    eachPixel3To1(pSrc, pDst, n, [fix](const unsigned char* p) {
         const unsigned t = 12u * p[1] + 5u * p[2] + 3u * p[0];
         const std::uint64_t m = std::uint64_t{t} * kc::kDriverDiv.m;
         const unsigned q = static_cast<unsigned>(m >> 32);
         return static_cast<std::uint32_t>(m) < kc::kDriverDiv.m ? exactDriver(q, p, fix) : q;
-    };
-    // Four pixels a turn share the loop's counting.
-    for (const unsigned char* const pEnd = pSrc + 3 * (n & ~std::size_t{3}); pSrc != pEnd; pSrc += 12, pDst += 4) {
-        pDst[0] = static_cast<unsigned char>(grey(pSrc));
-        pDst[1] = static_cast<unsigned char>(grey(pSrc + 3));
-        pDst[2] = static_cast<unsigned char>(grey(pSrc + 6));
-        pDst[3] = static_cast<unsigned char>(grey(pSrc + 9));
-    }
-    for (n &= 3; n != 0; --n, pSrc += 3)
-        *pDst++ = static_cast<unsigned char>(grey(pSrc));
+    });
 #else
     for (std::size_t i = 0; i < n; ++i, pSrc += 3)
         pDst[i] = ref::grey3To1(pSrc);
