@@ -9,6 +9,7 @@
 // loop.
 
 #include "api/interface.h"
+#include "bench/requestloop.h"
 #include "sdk/torvanesim.h"
 
 #include <benchmark/benchmark.h>
@@ -50,16 +51,7 @@ void requestLoop(benchmark::State& state)
         state.SkipWithError(api->getLastError());
         return;
     }
-    for (auto _ : state) {
-        int w = 0, bpl = 0, h = 0;
-        unsigned char* p = api->requestImageMain(&w, &bpl, &h, 1000);
-        if (!p) {
-            state.SkipWithError("no image");
-            break;
-        }
-        benchmark::DoNotOptimize(p[0]);
-        api->releaseImageMain(p);
-    }
+    kavrelbench::timeMainRequests(state, api);
     state.SetItemsProcessed(state.iterations());
     api->stopMain();
     api->disconnectMain();

@@ -10,6 +10,7 @@
 
 #include "api/interface.h"
 #include "bench/benchsummary.h"
+#include "bench/requestloop.h"
 #include "sdk/torvane.h"
 #include "sdk/torvanesim.h"
 #include "bench/requestcases.h"
@@ -49,16 +50,7 @@ void runRequest(benchmark::State& state, const RequestCase& c, const BenchSize& 
     int nWarmW = 0, nWarmBpl = 0, nWarmH = 0;
     if (unsigned char* p = api->requestImageMain(&nWarmW, &nWarmBpl, &nWarmH, 1000))
         api->releaseImageMain(p);
-    for (auto _ : state) {
-        int w = 0, bpl = 0, h = 0;
-        unsigned char* p = api->requestImageMain(&w, &bpl, &h, 1000);
-        if (!p) {
-            state.SkipWithError("no image");
-            break;
-        }
-        benchmark::DoNotOptimize(p[0]);
-        api->releaseImageMain(p);
-    }
+    kavrelbench::timeMainRequests(state, api);
     api->stopMain();
     api->disconnectMain();
 }
